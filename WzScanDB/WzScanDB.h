@@ -1,0 +1,137 @@
+// WzScanDB: the scan database. One object binds one record type (given by a
+// prototype record) to one table of the table engine in one directory:
+// <directory>/WzScanDB.dat and <directory>/WzScanDB.idx.
+//
+// Life cycle: construct from a prototype, initialize(directory) (creates or
+// opens the files and starts the statistics thread), record and tree
+// operations, close() (stops the thread), then destroy. Every operation
+// returns a CKoError and throws nothing of its own.
+//
+// Thread safety: lookups, updates, addRecordWithoutCheck, every tree read and
+// validateTree hold dbLock (recursive) for their whole call; addDBRecord and
+// deleteDBRecord hold it only inside their lookup; the file and folder
+// operations and the renames take no lock of their own and are not atomic.
+// The batched sub-tree walk and the item iteration keep their state in the
+// object: two of them must not interleave on one object. initialize and close
+// must not race other calls. sptrDbRoot is process-wide and unguarded.
+//
+// Note: initialize("dir") with a string literal picks the engine-level
+// initialize(const char*); pass a std::string to create or open a database.
+#pragma once
+
+#include <list>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "WzScanDB/WzScanDBExport.h"
+#include "WzScanDB/WzScanDBPerformanceCounter.h"
+#include "WzScanDB/records/WzScanDBRecordBase.h"
+#include "runtime/CKoError.h"
+#include "runtime/FXCriticalSection.h"
+#include "runtime/SPEnabled.h"
+#include "runtime/WzThread.h"
+#include "table/TCtreeTable.h"
+
+class WzScanDB;
+typedef boost::shared_ptr<WzScanDB> WzScanDBPtr;
+
+class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
+ public:
+  WzScanDB();
+  explicit WzScanDB(WzScanDBRecordBasePtr prototype);
+  virtual ~WzScanDB();
+
+  // ---- life cycle --------------------------------------------------------
+  CKoError initialize(const std::string& directory);
+  int initialize(const char* name) override;
+  CKoError close();
+  bool initializeCheck();
+  int registerTable() override;
+  const char* getTableType() override;
+  bool createHugeFile() override;
+
+  // ---- keys and lookup ---------------------------------------------------
+  CKoError prepareIndexKey(SPrepareIndexKeyStructure key, char* buffer, int bufferLength);
+  CKoError checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr out, int index,
+                         bool exact, bool& found);
+  CKoError checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr out, bool& found);
+
+  // ---- record store --------------------------------------------------------
+  CKoError addDBRecord(WzScanDBRecordBasePtr record);
+  CKoError updateDBRecord(WzScanDBRecordBasePtr record);
+  CKoError deleteDBRecord(WzScanDBRecordBasePtr record);
+  CKoError addRecordWithoutCheck(WzScanDBRecordBasePtr record);
+  void setRefTime(unsigned long long time);
+  unsigned long long getRefTime();
+  WzScanDBRecordBasePtr getRoot();
+
+  // ---- database files and index maintenance ----------------------------------
+  static CKoError remove(const std::string& directory);
+  static CKoError move(const std::string& from, const std::string& to);
+  static CKoError copy(const std::string& from, const std::string& to);
+  CKoError suspendIndex();
+  CKoError rebuildIndex();
+
+  // ---- children and sub-trees ------------------------------------------------
+  CKoError getChildren(WzScanDBRecordBasePtr folder,
+                       std::vector<WzScanDBRecordBasePtr>& children);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      bool validate);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      std::vector<std::string>& paths, bool validate);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      bool validate, int maxItems, bool continueRetrieval);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      std::vector<std::string>& paths, bool validate, int maxItems,
+                      bool continueRetrieval);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      std::vector<std::string>& paths, int maxItems, bool continueRetrieval);
+  CKoError getSubTree(WzScanDBRecordBasePtr start, std::vector<WzScanDBRecordBasePtr>& records,
+                      int maxItems, bool continueRetrieval);
+
+  // ---- buffered iteration -------------------------------------------------
+  CKoError getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBasePtr& item,
+                        std::string& path);
+  CKoError getNextItem(WzScanDBRecordBasePtr& item, std::string& path);
+
+  // ---- paths and updated records -------------------------------------------
+  CKoError getPathFromRecord(WzScanDBRecordBasePtr record, std::string& path);
+  CKoError getUpdatedRecords(std::vector<WzScanDBRecordBasePtr>* records,
+                             unsigned long long refTime);
+  CKoError outputDBAsDirChange(std::string destination);
+
+  // ---- files and folders -----------------------------------------------------
+  CKoError addFile(WzScanDBRecordBasePtr record);
+  CKoError addFolder(WzScanDBRecordBasePtr record);
+  CKoError removeFile(WzScanDBRecordBasePtr record);
+  CKoError removeFolder(WzScanDBRecordBasePtr record);
+
+  // ---- renames -----------------------------------------------------------
+  CKoError renameByKey(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBasePtr newRecord);
+  CKoError renameFile(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBasePtr newRecord);
+  CKoError renameFolder(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBasePtr newRecord,
+                        std::string oldPath, std::string newPath);
+
+  // ---- validation and statistics ---------------------------------------------
+  CKoError validateTree(bool& consistent);
+  CKoError printStats();
+
+  // The root record shared by every database object of the process.
+  static WzScanDBRecordBasePtr sptrDbRoot;
+
+ private:
+  bool initialized;
+  bool recordInitialized;
+  WzScanDBRecordBasePtr recordPrototype;
+  unsigned long long refTime;
+  std::vector<WzScanDBRecordBasePtr> itemRecords;
+  std::vector<std::string> itemPaths;
+  std::list<WzScanDBRecordBasePtr> pendingRecords;
+  std::list<std::string> pendingPaths;
+  uint32_t itemCursor;
+  FXCriticalSection dbLock;
+  boost::shared_ptr<WzScanDBPerformanceCounter> performanceCounter;
+  boost::shared_ptr<WzThread> statisticsThread;
+};

@@ -1,0 +1,65 @@
+// FXFile: the file helpers of the agent runtime.
+//
+// Each operation returns success or an errno-kind CKoError whose message names
+// the path(s) and the system's text for the error. No operation follows a
+// symbolic link at a destination name.
+//
+//  RemoveFile(path)              unlinks a file (not a directory).
+//  WZMoveFileEx(from, to, flags) renames `from` to `to`. Flag kMoveReplaceExisting
+//                                (1) replaces an existing destination; without it
+//                                an existing destination is an error (EEXIST).
+//                                Across file systems the file is copied, synced
+//                                and the source unlinked.
+//  WZCopyFile(from, to, flags)   copies a regular file's content to a new file.
+//                                Flag 0 fails with EEXIST if `to` exists (a link
+//                                included); kCopyReplaceExisting (1) replaces it.
+//                                The copy is made in the kernel where it can
+//                                (copy_file_range), fsync'ed, and created with
+//                                owner-only permissions (0600).
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "runtime/CKoError.h"
+#include "runtime/CTimeStamp.h"
+#include "runtime/WzRuntimeExport.h"
+
+namespace FXFile {
+
+enum : unsigned {
+  kMoveReplaceExisting = 1,
+  kCopyReplaceExisting = 1,
+};
+
+WZRT_API CKoError RemoveFile(const std::string& path);
+WZRT_API CKoError WZMoveFileEx(const std::string& from, const std::string& to, unsigned flags);
+WZRT_API CKoError WZCopyFile(const std::string& from, const std::string& to, unsigned flags);
+// True when `path` names an existing directory entry of any kind (lstat).
+WZRT_API bool Exists(const std::string& path);
+
+// A read-only view of a struct stat: no file-system access of its own.
+class WZRT_API CFileData {
+ public:
+  CFileData() noexcept;
+  explicit CFileData(const struct stat& st) noexcept : stat_(st) {}
+  // lstat(path) into `data`; errno-kind error when it fails.
+  static CKoError FromPath(const std::string& path, CFileData& data);
+
+  unsigned long long GetSize() const noexcept { return (unsigned long long)stat_.st_size; }
+  CTimeStamp GetModificationTime() const noexcept {
+    return CTimeStamp::FromUnixSeconds(stat_.st_mtim.tv_sec);
+  }
+  CTimeStamp GetChangeTime() const noexcept {
+    return CTimeStamp::FromUnixSeconds(stat_.st_ctim.tv_sec);
+  }
+  mode_t GetMode() const noexcept { return stat_.st_mode; }
+  bool IsDirectory() const noexcept { return S_ISDIR(stat_.st_mode); }
+  const struct stat& GetStat() const noexcept { return stat_; }
+
+ private:
+  struct stat stat_;
+};
+
+}  // namespace FXFile
