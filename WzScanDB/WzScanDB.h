@@ -134,4 +134,14 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   FXCriticalSection dbLock;
   boost::shared_ptr<WzScanDBPerformanceCounter> performanceCounter;
   boost::shared_ptr<WzThread> statisticsThread;
+
+  // ---- sub-tree walk internals (WzScanDBSubTree.cpp) ------------------------
+  // SubTreeWalk describes one getSubTree overload: its signature text, its
+  // message texts and source lines, and whether it batches and marks records.
+  // walkSubTree is the breadth-first walk that all six overloads share.
+  struct SubTreeWalk;
+  CKoError walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr start,
+                       std::vector<WzScanDBRecordBasePtr>& records,
+                       std::vector<std::string>* paths, bool validate, int maxItems,
+                       bool continueRetrieval);
 };
