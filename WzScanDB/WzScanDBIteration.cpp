@@ -1,0 +1,104 @@
+// getFirstItem / getNextItem: the sub-tree below a folder, one item at a
+// time, each with its path relative to the folder.
+//
+// The items are buffered one batch of the batched sub-tree walk at a time
+// (itemRecords/itemPaths, itemCursor). The first batch is read without
+// touching any flag; every later batch clears the visited bit of its records
+// and writes them back. That difference is deliberate: it is what the table's
+// flag bytes show after an iteration.
+
+#include <string>
+
+#include "WzScanDB/WzScanDB.h"
+#include "runtime/FXErrorUtil.h"
+#include "runtime/LogWriter.h"
+#include "runtime/auto_lock.h"
+
+namespace {
+
+constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+constexpr const char* kGetFirstItemSignature =
+    "CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr, WzScanDBRecordBasePtr&, "
+    "std::string&)";
+constexpr const char* kGetNextItemSignature =
+    "CKoError WzScanDB::getNextItem(WzScanDBRecordBasePtr&, std::string&)";
+
+namespace site {
+// getFirstItem
+constexpr int kFirstSubTreeFailed = 1538;
+constexpr int kFirstBuffered = 1540;
+constexpr int kFirstNoItems = 1541;
+constexpr int kFirstItem = 1543;
+// getNextItem
+constexpr int kNextSubTreeFailed = 1558;
+constexpr int kNextBuffered = 1559;
+constexpr int kNextNoMoreItems = 1561;
+constexpr int kNextEnd = 1562;
+constexpr int kNextItem = 1567;
+}  // namespace site
+
+// Items per batch; by the batching rule a full batch holds at least one more.
+constexpr int kItemBatch = 10000;
+
+}  // namespace
+
+CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBasePtr& item,
+                                std::string& path) {
+  auto_lock<FXCriticalSection> lock(dbLock);
+  itemCursor = 0;
+
+  CKoError err = getSubTree(start, itemRecords, itemPaths, kItemBatch, false);
+  if (err.IsError()) {
+    return err.Push(FXCodeLocation(kSourcePath, kGetFirstItemSignature, site::kFirstSubTreeFailed),
+                    "getSubtree(%s) Failed", start->toString().c_str());
+  }
+  WZ_LOG(6, kGetFirstItemSignature, site::kFirstBuffered,
+         "Calling Subtree function to Buffer %lu items in Memory",
+         static_cast<unsigned long>(itemRecords.size()));
+
+  // A start folder without children: the walk is already over.
+  if (itemRecords.empty()) {
+    return FXErrorUtil::ErrorWin32(
+        FXCodeLocation(kSourcePath, kGetFirstItemSignature, site::kFirstNoItems),
+        kWin32NoMoreFiles);
+  }
+
+  item = itemRecords[itemCursor]->Clone();
+  WZ_LOG(6, kGetFirstItemSignature, site::kFirstItem, "The First Item from WzScanDB is : %s",
+         item->toString().c_str());
+  path = itemPaths[itemCursor];
+  ++itemCursor;
+  return CKoError();
+}
+
+CKoError WzScanDB::getNextItem(WzScanDBRecordBasePtr& item, std::string& path) {
+  auto_lock<FXCriticalSection> lock(dbLock);
+
+  // The cursor can only pass the buffer's end after the iteration ended (the
+  // buffer is then empty); a refill of the finished walk reports the end again.
+  if (itemCursor >= itemRecords.size()) {
+    CKoError err = getSubTree(WzScanDBRecordBasePtr(), itemRecords, itemPaths, false, kItemBatch,
+                              true);
+    if (err.IsError()) {
+      return err.Push(FXCodeLocation(kSourcePath, kGetNextItemSignature, site::kNextSubTreeFailed),
+                      "Get Subtree function failed in subsequent call");
+    }
+    WZ_LOG(6, kGetNextItemSignature, site::kNextBuffered,
+           "Calling Subtree function to Buffer %lu items in Memory",
+           static_cast<unsigned long>(itemRecords.size()));
+    if (itemRecords.empty()) {
+      WZ_LOG(6, kGetNextItemSignature, site::kNextNoMoreItems,
+             "No more Items returned from the Subtree function");
+      return FXErrorUtil::ErrorWin32(
+          FXCodeLocation(kSourcePath, kGetNextItemSignature, site::kNextEnd), kWin32NoMoreFiles);
+    }
+    itemCursor = 0;
+  }
+
+  item = itemRecords[itemCursor]->Clone();
+  WZ_LOG(6, kGetNextItemSignature, site::kNextItem, "The Next Item from WzScanDB is : %s",
+         item->toString().c_str());
+  path = itemPaths[itemCursor];
+  ++itemCursor;
+  return CKoError();
+}

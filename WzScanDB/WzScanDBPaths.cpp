@@ -1,0 +1,89 @@
+// getPathFromRecord, getUpdatedRecords and outputDBAsDirChange: questions
+// about records already in the table.
+
+#include <string>
+#include <vector>
+
+#include "WzScanDB/WzScanDB.h"
+#include "runtime/FXErrorUtil.h"
+#include "runtime/auto_lock.h"
+
+namespace {
+
+constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+constexpr const char* kGetPathFromRecordSignature =
+    "CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr, std::string&)";
+
+namespace site {
+constexpr int kPathParentLookupFailed = 1631;
+constexpr int kPathParentMissing = 1638;
+}  // namespace site
+
+constexpr char kPathSeparator = '/';
+
+// Index number that makes the engine walk the whole table in storage order.
+constexpr int kWholeTable = -1;
+
+}  // namespace
+
+// Follows parent links up to the root record, one keyed lookup per ancestor,
+// prepending each stored ancestor's name. The root's own name is part of the
+// result. A cycle of parent links in the table would never end; the tree
+// operations never create one.
+CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr record, std::string& path) {
+  auto_lock<FXCriticalSection> lock(dbLock);
+
+  WzScanDBRecordBasePtr current = record->Clone();
+  path = record->getName();
+
+  while (!current->isRoot()) {
+    WzScanDBRecordBasePtr probe = current->MakeParentObject()->Clone();
+    WzScanDBRecordBasePtr parent = probe->Clone();
+    bool found = false;
+    CKoError err = checkDBRecord(probe, parent, found);
+    if (err.IsError()) {
+      return err.Push(
+          FXCodeLocation(kSourcePath, kGetPathFromRecordSignature, site::kPathParentLookupFailed),
+          "Cannot check the parent record %s in DB", probe->toString().c_str());
+    }
+    if (!found) {
+      return FXErrorUtil::ErrorErrNo(
+          FXCodeLocation(kSourcePath, kGetPathFromRecordSignature, site::kPathParentMissing), 2,
+          "The Database is inconsistent. Fix the Database");
+    }
+    current = parent;
+    std::string name = current->getName();
+    name += kPathSeparator;
+    path.insert(0, name);
+  }
+  return CKoError();
+}
+
+// Reads every record of the table in the engine's storage order and appends
+// those whose reference time is at or after refTime. Each appended record is
+// its own object; a probe that was not appended is reused. The walk ends silently at the first non-zero status.
+CKoError WzScanDB::getUpdatedRecords(std::vector<WzScanDBRecordBasePtr>* records,
+                                     unsigned long long refTime) {
+  auto_lock<FXCriticalSection> lock(dbLock);
+  if (!recordPrototype) return CKoError();  // no record type: no table to read
+
+  WzScanDBRecordBasePtr probe = recordPrototype->Clone();
+  void* buffer = probe->getStructure();
+  int status = firstRecord(kWholeTable, buffer);
+  probe->setStructure(buffer);
+
+  while (status == 0) {
+    if (refTime <= probe->getRefTime()) {
+      records->push_back(probe);
+      probe = probe->Clone();  // the appended record must not be overwritten
+    }
+    buffer = probe->getStructure();
+    status = nextRecord(kWholeTable, buffer);
+    probe->setStructure(buffer);
+  }
+  return CKoError();
+}
+
+// Entry point of a directory-change export that this library does not
+// produce: it reads and writes nothing.
+CKoError WzScanDB::outputDBAsDirChange(std::string /*destination*/) { return CKoError(); }

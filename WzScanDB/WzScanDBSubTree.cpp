@@ -1,0 +1,303 @@
+// getSubTree: breadth-first walks of the sub-tree below a start record.
+//
+// The six overloads share one walk (walkSubTree). They differ in whether they
+// produce relative paths, whether they set or clear the visited bit of every
+// record they meet (writing each record back), and whether they return the
+// walk in batches that later calls continue. Each overload keeps its own
+// signature text, message wording and source lines; they live in the
+// SubTreeWalk descriptions below.
+
+#include <list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "WzScanDB/WzScanDB.h"
+#include "runtime/FXErrorUtil.h"
+#include "runtime/FXPath.h"
+#include "runtime/auto_lock.h"
+
+namespace {
+
+constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+
+namespace site {
+// getSubTree(start, records, validate)
+constexpr int kValidateLookupFailed = 1098;
+constexpr int kValidateNotPresent = 1102;
+constexpr int kValidateStartSetFailed = 1113;
+constexpr int kValidateStartClearFailed = 1118;
+constexpr int kValidateChildrenFailed = 1129;
+constexpr int kValidateChildWriteFailed = 1145;
+// getSubTree(start, records, paths, validate)
+constexpr int kPathsValidateLookupFailed = 1163;
+constexpr int kPathsValidateNotPresent = 1166;
+constexpr int kPathsValidateStartSetFailed = 1181;
+constexpr int kPathsValidateStartClearFailed = 1186;
+constexpr int kPathsValidateChildrenFailed = 1200;
+constexpr int kPathsValidateChildWriteFailed = 1236;
+// getSubTree(start, records, validate, maxItems, continueRetrieval)
+constexpr int kBatchValidateLookupFailed = 1256;
+constexpr int kBatchValidateNotPresent = 1259;
+constexpr int kBatchValidateStartSetFailed = 1272;
+constexpr int kBatchValidateStartClearFailed = 1277;
+constexpr int kBatchValidateChildrenFailed = 1288;
+constexpr int kBatchValidateChildWriteFailed = 1304;
+// getSubTree(start, records, paths, validate, maxItems, continueRetrieval)
+constexpr int kBatchPathsValidateLookupFailed = 1335;
+constexpr int kBatchPathsValidateNotPresent = 1337;
+constexpr int kBatchPathsValidateStartSetFailed = 1351;
+constexpr int kBatchPathsValidateStartClearFailed = 1356;
+constexpr int kBatchPathsValidateChildrenFailed = 1371;
+constexpr int kBatchPathsValidateChildWriteFailed = 1404;
+// getSubTree(start, records, paths, maxItems, continueRetrieval)
+constexpr int kBatchPathsLookupFailed = 1433;
+constexpr int kBatchPathsNotPresent = 1436;
+constexpr int kBatchPathsChildrenFailed = 1458;
+// getSubTree(start, records, maxItems, continueRetrieval)
+constexpr int kBatchLookupFailed = 1499;
+constexpr int kBatchNotPresent = 1501;
+constexpr int kBatchChildrenFailed = 1514;
+// Sites an overload does not have.
+constexpr int kNone = 0;
+}  // namespace site
+
+constexpr const char* kSignatureValidate =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, bool)";
+constexpr const char* kSignaturePathsValidate =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, "
+    "std::vector<std::__cxx11::basic_string<char> >&, bool)";
+constexpr const char* kSignatureBatchValidate =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, bool, int, bool)";
+constexpr const char* kSignatureBatchPathsValidate =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, "
+    "std::vector<std::__cxx11::basic_string<char> >&, bool, int, bool)";
+constexpr const char* kSignatureBatchPaths =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, "
+    "std::vector<std::__cxx11::basic_string<char> >&, int, bool)";
+constexpr const char* kSignatureBatch =
+    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, int, bool)";
+
+// Message texts. The first overload words its write failures its own way.
+constexpr const char* kLookupFailedText = "checkDBRecord(%s) Failed";
+constexpr const char* kNotPresentText =
+    "The record %s is not present in the database to retrieve a subtree";
+constexpr const char* kChildrenFailedText = "getChildren(%s) Failed";
+constexpr const char* kStartWriteFailedText = "updateDBRecord(%s) Failed";
+constexpr const char* kChildFlagWriteFailedText = "updateDBRecord(%s) with visited flag %s Failed";
+constexpr const char* kStartSetFailedText = "updateDBRecord(%s) with visited = true Failed";
+constexpr const char* kStartClearFailedText = "updateDBRecord(%s) with visited = false Failed";
+constexpr const char* kChildVisitedWriteFailedText = "updateDBRecord(%s) with visited = %s Failed";
+
+}  // namespace
+
+struct WzScanDB::SubTreeWalk {
+  const char* signature;
+  bool batched;  // member work queues, batch bound, continuation
+  bool marks;    // sets or clears the visited bit and writes records back
+  int lookupFailedLine;
+  int notPresentLine;
+  int startSetFailedLine;
+  int startClearFailedLine;
+  int childrenFailedLine;
+  int childWriteFailedLine;
+  const char* startSetFailedText;
+  const char* startClearFailedText;
+  const char* childWriteFailedText;  // "%s" record, "%s" flag word
+  const char* flagSetWord;
+  const char* flagClearWord;
+};
+
+namespace {
+
+inline int withVisited(int flags, bool validate) {
+  return validate ? (flags | kRecordFlagVisited) : (flags & ~kRecordFlagVisited);
+}
+
+}  // namespace
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records, bool validate) {
+  static const SubTreeWalk walk = {
+      kSignatureValidate, false, true,
+      site::kValidateLookupFailed, site::kValidateNotPresent,
+      site::kValidateStartSetFailed, site::kValidateStartClearFailed,
+      site::kValidateChildrenFailed, site::kValidateChildWriteFailed,
+      kStartWriteFailedText, kStartWriteFailedText, kChildFlagWriteFailedText, "set", "removed"};
+  return walkSubTree(walk, std::move(start), records, nullptr, validate, 0, false);
+}
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records,
+                              std::vector<std::string>& paths, bool validate) {
+  static const SubTreeWalk walk = {
+      kSignaturePathsValidate, false, true,
+      site::kPathsValidateLookupFailed, site::kPathsValidateNotPresent,
+      site::kPathsValidateStartSetFailed, site::kPathsValidateStartClearFailed,
+      site::kPathsValidateChildrenFailed, site::kPathsValidateChildWriteFailed,
+      kStartSetFailedText, kStartClearFailedText, kChildVisitedWriteFailedText, "true", "false"};
+  return walkSubTree(walk, std::move(start), records, &paths, validate, 0, false);
+}
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records, bool validate,
+                              int maxItems, bool continueRetrieval) {
+  static const SubTreeWalk walk = {
+      kSignatureBatchValidate, true, true,
+      site::kBatchValidateLookupFailed, site::kBatchValidateNotPresent,
+      site::kBatchValidateStartSetFailed, site::kBatchValidateStartClearFailed,
+      site::kBatchValidateChildrenFailed, site::kBatchValidateChildWriteFailed,
+      kStartSetFailedText, kStartClearFailedText, kChildVisitedWriteFailedText, "true", "false"};
+  return walkSubTree(walk, std::move(start), records, nullptr, validate, maxItems,
+                     continueRetrieval);
+}
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records,
+                              std::vector<std::string>& paths, bool validate, int maxItems,
+                              bool continueRetrieval) {
+  static const SubTreeWalk walk = {
+      kSignatureBatchPathsValidate, true, true,
+      site::kBatchPathsValidateLookupFailed, site::kBatchPathsValidateNotPresent,
+      site::kBatchPathsValidateStartSetFailed, site::kBatchPathsValidateStartClearFailed,
+      site::kBatchPathsValidateChildrenFailed, site::kBatchPathsValidateChildWriteFailed,
+      kStartSetFailedText, kStartClearFailedText, kChildVisitedWriteFailedText, "true", "false"};
+  return walkSubTree(walk, std::move(start), records, &paths, validate, maxItems,
+                     continueRetrieval);
+}
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records,
+                              std::vector<std::string>& paths, int maxItems,
+                              bool continueRetrieval) {
+  static const SubTreeWalk walk = {
+      kSignatureBatchPaths, true, false,
+      site::kBatchPathsLookupFailed, site::kBatchPathsNotPresent,
+      site::kNone, site::kNone, site::kBatchPathsChildrenFailed, site::kNone,
+      nullptr, nullptr, nullptr, nullptr, nullptr};
+  return walkSubTree(walk, std::move(start), records, &paths, false, maxItems,
+                     continueRetrieval);
+}
+
+CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
+                              std::vector<WzScanDBRecordBasePtr>& records, int maxItems,
+                              bool continueRetrieval) {
+  static const SubTreeWalk walk = {
+      kSignatureBatch, true, false,
+      site::kBatchLookupFailed, site::kBatchNotPresent,
+      site::kNone, site::kNone, site::kBatchChildrenFailed, site::kNone,
+      nullptr, nullptr, nullptr, nullptr, nullptr};
+  return walkSubTree(walk, std::move(start), records, nullptr, false, maxItems,
+                     continueRetrieval);
+}
+
+// Folders wait in a first-in-first-out queue, so every record at depth d is
+// returned before any record at depth d+1. A batched walk keeps its queue in
+// pendingRecords/pendingPaths between calls and ends a batch only after a
+// whole folder has been processed, once it holds more than maxItems records;
+// the unbatched walks use local queues and leave a batched walk undisturbed.
+CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr start,
+                               std::vector<WzScanDBRecordBasePtr>& records,
+                               std::vector<std::string>* paths, bool validate, int maxItems,
+                               bool continueRetrieval) {
+  auto_lock<FXCriticalSection> lock(dbLock);
+  records.clear();
+  if (paths) paths->clear();
+
+  auto location = [&walk](int line) { return FXCodeLocation(kSourcePath, walk.signature, line); };
+
+  std::list<WzScanDBRecordBasePtr> localRecords;
+  std::list<std::string> localPaths;
+  std::list<WzScanDBRecordBasePtr>& pending = walk.batched ? pendingRecords : localRecords;
+  std::list<std::string>& prefixes = walk.batched ? pendingPaths : localPaths;
+
+  if (!(walk.batched && continueRetrieval)) {
+    WzScanDBRecordBasePtr rootCopy = start->Clone();
+    bool found = false;
+    CKoError err = checkDBRecord(start, rootCopy, found);
+    if (err.IsError()) {
+      return err.Push(location(walk.lookupFailedLine), kLookupFailedText,
+                      start->toString().c_str());
+    }
+    if (!found) {
+      return FXErrorUtil::ErrorErrNo(location(walk.notPresentLine), 2, kNotPresentText,
+                                     start->toString().c_str());
+    }
+
+    pending.clear();
+    pending.push_back(rootCopy);
+    if (paths) {
+      prefixes.clear();
+      prefixes.push_back(std::string());
+    }
+
+    if (walk.marks) {
+      rootCopy->setFlags(withVisited(rootCopy->getFlags(), validate));
+      err = updateDBRecord(rootCopy);
+      if (err.IsError()) {
+        if (validate) {
+          return err.Push(location(walk.startSetFailedLine), walk.startSetFailedText,
+                          start->toString().c_str());
+        }
+        return err.Push(location(walk.startClearFailedLine), walk.startClearFailedText,
+                        start->toString().c_str());
+      }
+    }
+  }
+
+  const char* flagWord = validate ? walk.flagSetWord : walk.flagClearWord;
+  std::vector<WzScanDBRecordBasePtr> children;
+  std::string prefix;
+
+  while (!pending.empty()) {
+    WzScanDBRecordBasePtr folder = std::move(pending.front());
+    pending.pop_front();
+    prefix.clear();
+    if (paths && !prefixes.empty()) {
+      prefix = std::move(prefixes.front());
+      prefixes.pop_front();
+    }
+
+    CKoError err = getChildren(folder, children);
+    if (err.IsError()) {
+      return err.Push(location(walk.childrenFailedLine), kChildrenFailedText,
+                      folder->toString().c_str());
+    }
+
+    const int count = static_cast<int>(children.size());
+    for (int i = 0; i < count; ++i) {
+      const WzScanDBRecordBasePtr& child = children[i];
+      std::string path;
+      if (paths) path = prefix + child->getName();
+
+      if (child->isDir()) {
+        pending.push_back(child);
+        if (paths) {
+          std::string childPrefix = path;
+          FXPath::AppendTrailingDelimiter(childPrefix);
+          prefixes.push_back(std::move(childPrefix));
+        }
+      }
+      records.push_back(child);
+      if (walk.marks) child->setFlags(withVisited(child->getFlags(), validate));
+      if (paths) paths->push_back(std::move(path));
+
+      if (walk.marks) {
+        err = updateDBRecord(child);
+        if (err.IsError()) {
+          return err.Push(location(walk.childWriteFailedLine), walk.childWriteFailedText,
+                          child->toString().c_str(), flagWord);
+        }
+      }
+    }
+
+    if (walk.batched && maxItems < static_cast<int>(records.size())) return CKoError();
+  }
+  return CKoError();
+}
