@@ -44,12 +44,25 @@ class WZSCANDB_API WzScanDBPerformanceCounter {
   // Sleeps up to `milliseconds`, returning early (true) once a stop is asked.
   bool WaitForStop(unsigned milliseconds);
 
+  // ---- owner liveness (WzScanDBPerformanceCounter.cpp) ----------------------
+  // The database that created this set calls MarkOwnerGone() when it is
+  // destroyed without close(). It does not wake the statistics thread: the
+  // thread sees the mark at its next wake-up and ends, so a detached thread
+  // never outlives its database by more than one sleep. IsOwnerGone() reads it.
+  void MarkOwnerGone();
+  bool IsOwnerGone();
+
  private:
   std::vector<CTimeCounter*> counters;
   bool stopLogging;
   int loggingInterval;
   FXMutex counterLock;
   std::condition_variable stopSignal;
+
+  // ---- owner liveness and helpers (WzScanDBPerformanceCounter.cpp) ----------
+  bool ownerGone = false;  // guarded by counterLock
+  // Writes the line of one counter; the caller holds counterLock.
+  void logCounterLocked(int which);
 };
 
 // Thread function of the statistics thread; `counterSet` is the database's
