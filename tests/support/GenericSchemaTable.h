@@ -1,0 +1,112 @@
+// GenericSchemaTable: a TCtreeTable that registers the 440-byte generic scan
+// record schema, for engine tests and benchmarks that need a realistic table
+// without the database layer on top.
+//
+//   GenericSchemaTable table;
+//   int status = table.createTable(dir + "/WzScanDB");   // or openTable()
+//   SGenericRecord rec = ...;
+//   table.addRecord(&rec);
+//   GenericKey key;
+//   table.buildKey(0, rec, &key);
+//   table.getRecord(0, key.bytes, &rec);
+//
+// The schema and the registration order are those the scan database uses for
+// its generic record. Not thread-safe, like the table it extends.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "table/TCtreeTable.h"
+#include "table/TFieldType.h"
+#include "table/TKeyType.h"
+#include "table/TableStatus.h"
+
+// The record image: 436 bytes of fields and 4 bytes of padding.
+struct SGenericRecord {
+  uint8_t guid[16];
+  uint8_t parent_guid[16];
+  uint8_t stat_data[144];
+  uint32_t refTime;
+  uint8_t flags;
+  char sname[255];
+  uint8_t padding[4];
+};
+static_assert(sizeof(SGenericRecord) == 440, "generic record image is 440 bytes");
+static_assert(offsetof(SGenericRecord, refTime) == 176, "refTime offset");
+static_assert(offsetof(SGenericRecord, flags) == 180, "flags offset");
+static_assert(offsetof(SGenericRecord, sname) == 181, "sname offset");
+
+// A key buffer large enough for either index (keyLength + 32 bytes, zeroed).
+struct GenericKey {
+  static constexpr int kIndex0Length = 16;
+  static constexpr int kIndex1Length = 72;
+  char bytes[kIndex1Length + 32];
+  int length = 0;  // bytes written by fillKeySegment + finishKey
+};
+
+class GenericSchemaTable : public TCtreeTable {
+ public:
+  int registerTable() override { return internalRegisterTable(18, 12, 18); }
+
+  // Registers the schema for the table `name` (path without extension).
+  // Returns the first non-zero engine status, or TBL_OK.
+  int define(const std::string& name) {
+    int status = internalInitialize(name.c_str(), 1, 6, 2, 3, 440, 181);
+    if (status != TBL_OK) return status;
+    static const struct {
+      const char* name;
+      unsigned long offset;
+      short type;
+      short length;
+    } kFields[] = {
+        {"guid", 0, kFieldBinary, 16},       {"parent_guid", 16, kFieldBinary, 16},
+        {"stat_data", 32, kFieldBinary, 144}, {"refTime", 176, kFieldUInt32, 4},
+        {"flags", 180, kFieldUInt8, 1},       {"sname", 181, kFieldString, 255},
+    };
+    for (const auto& f : kFields)
+      if ((status = setNextField(f.name, f.offset, f.type, f.length)) != TBL_OK) return status;
+    if ((status = setNextIndex("guid", 16, kKeyFixed, 0, 0, 0, 1, 0)) != TBL_OK) return status;
+    if ((status = setNextIndex("parent_guid_and_sname", 72, kKeyCompressBoth, 1, 0, 0, 2, 1)) !=
+        TBL_OK)
+      return status;
+    if ((status = setNextSegment(0, 16, 1)) != TBL_OK) return status;
+    if ((status = setNextSegment(1, 16, 1)) != TBL_OK) return status;
+    if ((status = setNextSegment(5, 56, 1)) != TBL_OK) return status;
+    for (int i = 0; i < 6; ++i) shellOrder(i);
+    return initializeComplete();
+  }
+
+  int createTable(const std::string& name) {
+    int status = define(name);
+    return status != TBL_OK ? status : create();
+  }
+
+  int openTable(const std::string& name,
+                WZIndexing::TAccessEnum mode = WZIndexing::kAccessReadWrite) {
+    int status = define(name);
+    return status != TBL_OK ? status : open(mode);
+  }
+
+  // Builds the key of `index` (0: guid, 1: parent guid + first 56 name bytes)
+  // from the record image into a zeroed `key`.
+  int buildKey(int index, const SGenericRecord& record, GenericKey* key) {
+    std::memset(key->bytes, 0, sizeof key->bytes);
+    char* cursor = key->bytes;
+    int remaining = (index == 0 ? GenericKey::kIndex0Length : GenericKey::kIndex1Length) + 32;
+    const int start = remaining;
+    const int segments = index == 0 ? 1 : 2;
+    // Each segment reads from its field's own bytes, as the record's key
+    // request points them.
+    const void* fields[2] = {index == 0 ? record.guid : record.parent_guid, record.sname};
+    for (int s = 0; s < segments; ++s) {
+      int status = fillKeySegment(&cursor, &remaining, fields[s], 0, index, s);
+      if (status != TBL_OK) return status;
+    }
+    int status = finishKey(&cursor, &remaining, index, 0);
+    key->length = start - remaining;
+    return status;
+  }
+};
