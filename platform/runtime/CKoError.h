@@ -68,8 +68,10 @@ class WZRT_API CKoError {
                  va_list args) const;
 
   // The whole stack, the top frame first, one frame a line:
-  //   "<file>:<line> <function>: <message>"
-  // preceded by a line naming the kind, the code and the code's text.
+  //   "  at <file>:<line> <function>: <message>"
+  // preceded by a line naming the kind, the code and the code's text when
+  // there is one: "Error (errno 2: No such file or directory)",
+  // "Error (status 101)". Lines are separated by '\n', with none at the end.
   // Success renders as "Success".
   std::string AsString() const;
 

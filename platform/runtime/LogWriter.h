@@ -38,7 +38,9 @@ struct WZRT_API CLogEntry {
   unsigned long threadId;
 };
 
-// Receives every written line. Write may be called from any thread.
+// Receives every written line. Write may be called from any thread, and
+// concurrently. The writer holds sinks weakly: a sink whose last owner lets
+// it go is dropped, so the owner keeps it alive for as long as it listens.
 class WZRT_API CLogSink {
  public:
   virtual ~CLogSink();
@@ -73,7 +75,9 @@ class WZRT_API CLogWriter {
   void AddSink(const std::shared_ptr<CLogSink>& sink);
   void RemoveSink(const std::shared_ptr<CLogSink>& sink);
 
-  // Re-reads WZ_LOG_LEVEL / WZ_LOG_FILE and the settings file.
+  // Re-reads WZ_LOG_LEVEL / WZ_LOG_FILE and the settings file. What none of
+  // them sets keeps its current value; a malformed level or a log file that
+  // cannot be opened is ignored with a warning line.
   void Configure();
 
  private:

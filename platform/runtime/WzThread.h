@@ -31,6 +31,9 @@ class WZRT_API WzThread {
 
  private:
   std::thread thread_;
+  // The function's result, written by the thread. Shared with the thread so
+  // that a detached thread never writes into a destroyed WzThread.
+  std::shared_ptr<void*> resultSlot_;
   void* result_ = nullptr;
 };
 

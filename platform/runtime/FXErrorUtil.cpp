@@ -1,0 +1,37 @@
+// FXErrorUtil: factories of CKoError errors.
+#include "runtime/FXErrorUtil.h"
+
+#include "runtime/FXString.h"
+
+namespace FXErrorUtil {
+
+CKoError ErrorInt(const FXCodeLocation& location, int code, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string message = FXString::FormatV(format, args);
+  va_end(args);
+  return CKoError(EKoErrorKind::kInt, code, location, std::move(message));
+}
+
+CKoError ErrorErrNo(const FXCodeLocation& location, int errnoValue, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string message = FXString::FormatV(format, args);
+  va_end(args);
+  return CKoError(EKoErrorKind::kErrNo, errnoValue, location, std::move(message));
+}
+
+CKoError ErrorWin32(const FXCodeLocation& location, unsigned code, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string message = FXString::FormatV(format, args);
+  va_end(args);
+  return CKoError(EKoErrorKind::kWin32, code, location, std::move(message));
+}
+
+CKoError ErrorWin32(const FXCodeLocation& location, unsigned code) {
+  return CKoError(EKoErrorKind::kWin32, code, location,
+                  CKoError::CodeText(EKoErrorKind::kWin32, code));
+}
+
+}  // namespace FXErrorUtil
