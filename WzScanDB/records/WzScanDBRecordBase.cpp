@@ -1,0 +1,7 @@
+#include "WzScanDB/records/WzScanDBRecordBase.h"
+
+WzScanDBRecordBase::~WzScanDBRecordBase() {}
+
+std::string WzScanDBRecordBase::toCSVHeader() { return "Not Supported"; }
+
+std::string WzScanDBRecordBase::toCSV() { return std::string(); }
