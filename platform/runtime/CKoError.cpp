@@ -2,6 +2,7 @@
 #include "runtime/CKoError.h"
 
 #include <cstring>
+#include <new>
 
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXString.h"
@@ -9,8 +10,11 @@
 namespace {
 
 const std::string& EmptyString() {
-  // Never destroyed, so error texts stay readable during process exit.
-  static const std::string* empty = new std::string();
+  // Built in static storage (an empty string needs no heap) and never
+  // destroyed, so a success value's messages cost no allocation and stay
+  // readable during process exit.
+  alignas(std::string) static unsigned char storage[sizeof(std::string)];
+  static const std::string* empty = new (storage) std::string();
   return *empty;
 }
 

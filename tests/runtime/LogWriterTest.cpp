@@ -1,0 +1,235 @@
+// The log writer: level gating before argument evaluation, the line format,
+// destinations, sinks from many threads, configuration from the environment
+// and the settings file, and the trace helpers that write through it.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "runtime/EvDebug.h"
+#include "runtime/LogCapture.h"
+#include "runtime/LogWriter.h"
+#include "runtime/WZDebugFunction.h"
+#include "support/TempDir.h"
+
+namespace {
+
+// Restores the writer's level and destination and the environment the
+// writer reads after each test.
+class LogWriterTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    savedLevel_ = g_ptrLogWriter->GetLevel();
+    g_ptrLogWriter->SetNone();
+    unsetenv("WZ_LOG_LEVEL");
+    unsetenv("WZ_LOG_FILE");
+    unsetenv("WZ_SETTINGS_FILE");
+  }
+  void TearDown() override {
+    unsetenv("WZ_LOG_LEVEL");
+    unsetenv("WZ_LOG_FILE");
+    unsetenv("WZ_SETTINGS_FILE");
+    g_ptrLogWriter->SetLevel(savedLevel_);
+    g_ptrLogWriter->SetStderr();
+  }
+  int savedLevel_ = 0;
+};
+
+std::vector<std::string> ReadLines(const std::string& path) {
+  std::ifstream in(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+int g_evaluations = 0;
+int Expensive() {
+  ++g_evaluations;
+  return 99;
+}
+
+const std::regex kLinePattern(
+    R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[tid (\d+)\] L(-?\d+) (.*):(\d+) (.*))");
+
+TEST_F(LogWriterTest, LevelGatesLinesAndTheirArguments) {
+  auto capture = CLogCapture::Install();
+  g_ptrLogWriter->SetLevel(4);
+  g_evaluations = 0;
+
+  WZ_LOG(5, "void f()", 1, "value %d", Expensive());
+  EXPECT_EQ(g_evaluations, 0);
+  g_ptrLogWriter->Write(5, "void f()", 2, "direct %d", 1);
+  EXPECT_TRUE(capture->Entries().empty());
+
+  WZ_LOG(4, "void f()", 3, "value %d\n", Expensive());
+  WZ_LOG(-1, "void g(int)", 4, "error");
+  EXPECT_EQ(g_evaluations, 1);
+  auto entries = capture->Entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].level, 4);
+  EXPECT_EQ(entries[0].function, "void f()");
+  EXPECT_EQ(entries[0].line, 3);
+  EXPECT_EQ(entries[0].message, "value 99\n");  // kept exactly as formatted
+  EXPECT_EQ(entries[0].threadId, static_cast<unsigned long>(syscall(SYS_gettid)));
+  EXPECT_EQ(entries[1].level, -1);
+  EXPECT_EQ(capture->Find("value 99\n").size(), 1u);
+  EXPECT_EQ(capture->FindContaining("rro").size(), 1u);
+
+  g_ptrLogWriter->SetLevel(-2);
+  WZ_LOG(-1, "void g(int)", 5, "hidden %d", Expensive());
+  EXPECT_EQ(g_evaluations, 1);
+  EXPECT_EQ(capture->Entries().size(), 2u);
+
+  capture->Clear();
+  EXPECT_TRUE(capture->Entries().empty());
+  capture->Remove();
+  g_ptrLogWriter->SetLevel(0);
+  WZ_LOG(0, "void f()", 6, "after removal");
+  EXPECT_TRUE(capture->Entries().empty());
+}
+
+TEST_F(LogWriterTest, FileLinesCarryStampThreadLevelLocationAndOneNewline) {
+  TempDir dir;
+  const std::string path = dir / "agent.log";
+  ASSERT_TRUE(g_ptrLogWriter->SetFile(path).IsSuccess());
+  WZ_LOG(0, "static CKoError WzScanDB::move(const string&, const string&)", 321,
+         "Moving %s from %s to %s completed successfully\n", "WzScanDB", "/a", "/b");
+  WZ_LOG(-1, "void f()", 7, "no newline");
+  g_ptrLogWriter->SetNone();
+  WZ_LOG(0, "void f()", 8, "not written anywhere");
+
+  auto lines = ReadLines(path);
+  ASSERT_EQ(lines.size(), 2u);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(lines[0], m, kLinePattern)) << lines[0];
+  EXPECT_EQ(std::stoul(m[1]), static_cast<unsigned long>(syscall(SYS_gettid)));
+  EXPECT_EQ(m[2], "0");
+  EXPECT_EQ(m[3], "static CKoError WzScanDB::move(const string&, const string&)");
+  EXPECT_EQ(m[4], "321");
+  EXPECT_EQ(m[5], "Moving WzScanDB from /a to /b completed successfully");
+  ASSERT_TRUE(std::regex_match(lines[1], m, kLinePattern)) << lines[1];
+  EXPECT_EQ(m[2], "-1");
+  EXPECT_EQ(m[5], "no newline");
+
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  CKoError error = g_ptrLogWriter->SetFile(dir / "missing/agent.log");
+  EXPECT_EQ(error.GetKind(), EKoErrorKind::kErrNo);
+  EXPECT_EQ(error.GetCode(), ENOENT);
+}
+
+TEST_F(LogWriterTest, LinesFromManyThreadsArriveWholeAndInOrder) {
+  TempDir dir;
+  const std::string path = dir / "threads.log";
+  ASSERT_TRUE(g_ptrLogWriter->SetFile(path).IsSuccess());
+  auto capture = CLogCapture::Install();
+  constexpr int kThreads = 4, kLines = 400;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLines; ++i)
+        WZ_LOG(0, "void worker()", t, "thread %d line %d %s", t, i, std::string(100, 'a' + t).c_str());
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  g_ptrLogWriter->SetNone();
+  capture->Remove();
+
+  auto entries = capture->Entries();
+  ASSERT_EQ(entries.size(), static_cast<size_t>(kThreads * kLines));
+  std::vector<int> next(kThreads, 0);
+  for (const auto& entry : entries) {
+    int t = -1, i = -1;
+    ASSERT_EQ(sscanf(entry.message.c_str(), "thread %d line %d", &t, &i), 2);
+    ASSERT_EQ(t, entry.line);
+    EXPECT_EQ(i, next[t]++);
+  }
+
+  auto lines = ReadLines(path);
+  ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
+  std::smatch m;
+  for (const auto& line : lines) {
+    ASSERT_TRUE(std::regex_match(line, m, kLinePattern)) << line;
+    const int t = std::stoi(m[4]);
+    EXPECT_EQ(m[5].str().substr(m[5].length() - 100), std::string(100, 'a' + t));
+  }
+}
+
+TEST_F(LogWriterTest, SinkIsDroppedWithItsLastOwner) {
+  auto capture = CLogCapture::Install();
+  std::weak_ptr<CLogCapture> watch = capture;
+  WZ_LOG(0, "void f()", 1, "seen");
+  EXPECT_EQ(capture->Entries().size(), 1u);
+  capture.reset();
+  EXPECT_TRUE(watch.expired());
+  WZ_LOG(0, "void f()", 2, "written with no sink");
+}
+
+TEST_F(LogWriterTest, DebugFunctionAndEvDebugWriteTheirLines) {
+  auto capture = CLogCapture::Install();
+  g_ptrLogWriter->SetLevel(1);
+  { WZDebugFunction trace(2, "CKoError WzScanDB::rebuildIndex()"); }
+  EXPECT_TRUE(capture->Entries().empty());
+
+  g_ptrLogWriter->SetLevel(2);
+  { WZDebugFunction trace(2, "CKoError WzScanDB::rebuildIndex()"); }
+  auto entries = capture->Entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].level, 2);
+  EXPECT_EQ(entries[0].message, "Entering CKoError WzScanDB::rebuildIndex()");
+  EXPECT_EQ(entries[0].function, "CKoError WzScanDB::rebuildIndex()");
+  EXPECT_TRUE(std::regex_match(
+      entries[1].message,
+      std::regex(R"(Leaving CKoError WzScanDB::rebuildIndex\(\) after \d+\.\d{3} ms)")))
+      << entries[1].message;
+
+  capture->Clear();
+  g_ptrLogWriter->SetLevel(0);
+  EvDebug::Error("WzScanDBKey::generate", "%s", "getrandom failed");
+  entries = capture->Entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].level, -1);
+  EXPECT_EQ(entries[0].message, "WzScanDBKey::generate: getrandom failed");
+  capture->Remove();
+}
+
+TEST_F(LogWriterTest, ConfigureReadsEnvironmentBeforeSettings) {
+  TempDir dir;
+  auto capture = CLogCapture::Install();
+  const std::string settings = dir / "agent.ini";
+  std::ofstream(settings) << "[Log]\nLogLevel = 3\nLogFile = " << (dir / "from-settings.log")
+                          << "\n";
+  setenv("WZ_SETTINGS_FILE", settings.c_str(), 1);
+
+  g_ptrLogWriter->Configure();
+  EXPECT_EQ(g_ptrLogWriter->GetLevel(), 3);
+  WZ_LOG(3, "void f()", 1, "to the settings file");
+  EXPECT_EQ(ReadLines(dir / "from-settings.log").size(), 1u);
+
+  setenv("WZ_LOG_LEVEL", "6", 1);
+  setenv("WZ_LOG_FILE", (dir / "from-env.log").c_str(), 1);
+  g_ptrLogWriter->Configure();
+  EXPECT_EQ(g_ptrLogWriter->GetLevel(), 6);
+  WZ_LOG(6, "void f()", 2, "to the environment's file");
+  EXPECT_EQ(ReadLines(dir / "from-env.log").size(), 1u);
+  EXPECT_EQ(ReadLines(dir / "from-settings.log").size(), 1u);
+
+  setenv("WZ_LOG_LEVEL", "lots", 1);
+  setenv("WZ_LOG_FILE", "off", 1);
+  g_ptrLogWriter->Configure();
+  EXPECT_EQ(g_ptrLogWriter->GetLevel(), 6);
+  EXPECT_EQ(capture->Find("Ignoring malformed log level \"lots\"").size(), 1u);
+  WZ_LOG(0, "void f()", 3, "nowhere");
+  EXPECT_EQ(ReadLines(dir / "from-env.log").size(), 1u);
+  capture->Remove();
+}
+
+}  // namespace

@@ -1,0 +1,161 @@
+// Threads, locks and timing.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "runtime/CAutoTimeCounter.h"
+#include "runtime/CTimeCounter.h"
+#include "runtime/CTimeStamp.h"
+#include "runtime/FXCriticalSection.h"
+#include "runtime/FXMutex.h"
+#include "runtime/WzThread.h"
+#include "runtime/auto_lock.h"
+
+namespace {
+
+// Shared by a test and its thread: the thread waits until released.
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool open = false;
+  std::atomic<int> destroyed{0};
+  void Wait() {
+    std::unique_lock<std::mutex> lock(mutex);
+    cv.wait(lock, [this] { return open; });
+  }
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex);
+    open = true;
+    cv.notify_all();
+  }
+};
+
+struct Payload {
+  Gate* gate;
+  int value;
+  ~Payload() { gate->destroyed++; }
+};
+
+void* UsePayload(void* argument) {
+  auto* payload = static_cast<Payload*>(argument);
+  payload->gate->Wait();
+  payload->value *= 2;  // touches the argument after its owner let it go
+  return reinterpret_cast<void*>(static_cast<intptr_t>(payload->value));
+}
+
+TEST(WzThreadTest, KeepAliveHoldsArgumentUntilFunctionReturns) {
+  Gate gate;
+  WzThread thread;
+  EXPECT_EQ(thread.Join(), nullptr);  // never started
+  {
+    auto payload = std::make_shared<Payload>(Payload{&gate, 21});
+    ASSERT_TRUE(thread.Start(&UsePayload, payload.get(), payload));
+    EXPECT_TRUE(thread.IsStarted());
+    EXPECT_FALSE(thread.Start(&UsePayload, payload.get(), payload));  // already started
+  }
+  // Payload was constructed as a temporary too: one destruction so far.
+  EXPECT_EQ(gate.destroyed.load(), 1);
+  gate.Open();
+  EXPECT_EQ(reinterpret_cast<intptr_t>(thread.Join()), 42);
+  EXPECT_EQ(gate.destroyed.load(), 2);  // released by the time Join returns
+  EXPECT_FALSE(thread.IsStarted());
+  EXPECT_EQ(thread.Join(), nullptr);  // already joined
+}
+
+TEST(WzThreadTest, UnjoinedThreadIsDetachedAndRunsToItsEnd) {
+  auto gate = std::make_shared<Gate>();
+  auto payload = std::make_shared<Payload>(Payload{gate.get(), 5});
+  gate->destroyed = 0;
+  {
+    WzThread thread;
+    ASSERT_TRUE(thread.Start(&UsePayload, payload.get(), payload));
+  }  // destroyed while the function waits: detached, not terminated
+  payload.reset();
+  EXPECT_EQ(gate->destroyed.load(), 0);
+  gate->Open();
+  for (int i = 0; i < 500 && gate->destroyed.load() == 0; ++i) FXThread::Sleep(2);
+  EXPECT_EQ(gate->destroyed.load(), 1);
+}
+
+TEST(LockTest, CriticalSectionIsRecursiveAndExcludesOtherThreads) {
+  FXCriticalSection section;
+  {
+    auto_lock<FXCriticalSection> outer(section);
+    auto_lock<FXCriticalSection> inner(section);
+    EXPECT_TRUE(section.TryLock());
+    section.Unlock();
+    bool otherGot = true;
+    std::thread([&] { otherGot = section.TryLock(); }).join();
+    EXPECT_FALSE(otherGot);
+  }
+  bool otherGot = false;
+  std::thread([&] {
+    otherGot = section.TryLock();
+    if (otherGot) section.Unlock();
+  }).join();
+  EXPECT_TRUE(otherGot);
+
+  FXMutex mutex;
+  long counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10000; ++i) {
+        auto_lock<FXMutex> lock(mutex);
+        ++counter;
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(counter, 40000);
+}
+
+TEST(TimingTest, CounterAddsFromManyThreadsAndRenders) {
+  CTimeCounter counter;
+  EXPECT_EQ(counter.AsString(), "samples=0 total=0.000 ms mean=0.000 us");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 25000; ++i) counter.Add(1000);
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(counter.GetTotalSamples(), 100000u);
+  EXPECT_EQ(counter.GetTotalTime(), 100000000LL);
+  EXPECT_EQ(counter.AsString(), "samples=100000 total=100.000 ms mean=1.000 us");
+  counter.Reset();
+  EXPECT_EQ(counter.GetTotalSamples(), 0u);
+  EXPECT_EQ(counter.GetTotalTime(), 0);
+
+  {
+    CAutoTimeCounter timer(&counter);
+    FXThread::Sleep(5);
+  }
+  EXPECT_EQ(counter.GetTotalSamples(), 1u);
+  EXPECT_GE(counter.GetTotalTime(), 5000000LL);
+  { CAutoTimeCounter nothing(nullptr); }
+  EXPECT_EQ(counter.GetTotalSamples(), 1u);
+}
+
+TEST(TimingTest, TimeStampConvertsAndRendersInUtc) {
+  EXPECT_EQ(CTimeStamp().AsString(), "1970-01-01 00:00:00.000000");
+  EXPECT_EQ(CTimeStamp::FromUnixSeconds(1700000000).AsString(), "2023-11-14 22:13:20.000000");
+  EXPECT_EQ(CTimeStamp::FromNanoseconds(1700000000123456789LL).AsString(),
+            "2023-11-14 22:13:20.123456");
+  EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).ToUnixSeconds(), -1);
+  EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).AsString(), "1969-12-31 23:59:59.999999");
+  EXPECT_EQ(CTimeStamp::FromUnixSeconds(86400).ToUnixSeconds(), 86400);
+
+  const CTimeStamp before = CTimeStamp::Now();
+  EXPECT_GT(before.ToUnixSeconds(), 1700000000);
+  EXPECT_TRUE(std::regex_match(before.AsString(),
+                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})")));
+  const CTimeStamp start = CTimeStamp::Monotonic();
+  FXThread::Sleep(3);
+  EXPECT_GE(CTimeStamp::Monotonic() - start, 3000000LL);
+}
+
+}  // namespace
