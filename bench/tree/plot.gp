@@ -1,0 +1,24 @@
+# Throughput of each tree operation against the tree size, from the CSV that
+# tree_bench writes (one row per size: entries, then entries/s per phase).
+#   gnuplot -e "datafile='tree_bench.csv'; outfile='tree_bench.png'" plot.gp
+if (!exists("datafile")) datafile = 'tree_bench.csv'
+if (!exists("outfile")) outfile = 'tree_bench.png'
+
+set terminal pngcairo size 1100,700 font ",11"
+set output outfile
+set datafile separator ","
+set key autotitle columnhead outside right top
+set title "WzScanDB tree operations: throughput against tree size"
+set xlabel "entries in the tree"
+set ylabel "entries handled per second"
+set logscale x 10
+set logscale y 10
+set format x "%.0s%c"
+set format y "%.0s%c"
+set grid xtics ytics mxtics mytics
+set xrange [5000:2000000]
+set xtics ("10k" 10000, "100k" 100000, "1M" 1000000)
+
+# Columns 2 to 8 are the phases (build, walk, children, validate, updated,
+# rename, remove); the last column is the peak memory and is not plotted.
+plot for [c=2:8] datafile using 1:c with linespoints lw 2 pt 7 ps 1.2

@@ -1,0 +1,83 @@
+// removeFolder of a sub-tree of more than 100 000 entries: exactly that
+// sub-tree goes, and the records held in memory at any time stay within one
+// batch (the batch bound, 10000, plus the children of the folder that crossed
+// it). The buffer sizes are read from removeFolder's own level-6
+// "Filled the Buffer with %lu Items" lines.
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "runtime/LogCapture.h"
+#include "tree_write/TreeWriteFixture.h"
+
+namespace {
+
+constexpr int kFolders = 100;
+constexpr int kFilesPerFolder = 1000;
+constexpr size_t kSubTreeSize = kFolders + size_t(kFolders) * kFilesPerFolder;  // below /big
+constexpr size_t kBatchBound = 10000 + kFilesPerFolder;
+
+template <class Tree>
+using RemoveFolderLargeTest = TreeWriteTest<Tree>;
+TYPED_TEST_SUITE(RemoveFolderLargeTest, TreeTypes, TreeTypeNames);
+
+TYPED_TEST(RemoveFolderLargeTest, RemovesExactlyTheSubTreeInBoundedBatches) {
+  char name[64];
+  WzScanDBRecordBasePtr big = this->AddFolder("/big");
+  for (int f = 0; f < kFolders; ++f) {
+    std::snprintf(name, sizeof name, "/big/dir-%03d", f);
+    const std::string folder = name;
+    this->AddFolder(folder);
+    for (int i = 0; i < kFilesPerFolder; ++i) {
+      std::snprintf(name, sizeof name, "/file-%04d.dat", i);
+      this->AddFile(folder + name);
+    }
+  }
+  // Neighbours that must survive: a sibling whose name shares the prefix,
+  // and a folder with its own children.
+  this->AddFolder("/big2");
+  this->AddFile("/big2/keep-a");
+  this->AddFolder("/keep");
+  this->AddFolder("/keep/inner");
+  this->AddFile("/keep/inner/keep-b");
+  this->AddFile("/keep-c");
+  const size_t kept = 7;  // root, /big2, /big2/keep-a, /keep, /keep/inner, .../keep-b, /keep-c
+  ASSERT_EQ(kept + 1 + kSubTreeSize, this->CountRecords());
+
+  ScopedLogLevel level(6);
+  auto capture = CLogCapture::Install();
+  CKoError err = this->db_->removeFolder(big);
+  ASSERT_TRUE(err.IsSuccess()) << err.AsString();
+
+  size_t total = 0, largest = 0, batches = 0;
+  size_t last = 1;
+  for (const CLogEntry& entry : capture->FindContaining("Filled the Buffer with ")) {
+    unsigned long items = 0;
+    ASSERT_EQ(1, std::sscanf(entry.message.c_str(), "Filled the Buffer with %lu Items", &items));
+    total += items;
+    largest = std::max<size_t>(largest, items);
+    last = items;
+    ++batches;
+  }
+  EXPECT_EQ(kSubTreeSize, total);
+  EXPECT_LE(largest, kBatchBound);
+  EXPECT_GT(largest, 10000u);  // batches really are full ones, not one record at a time
+  EXPECT_GE(batches, kSubTreeSize / kBatchBound + 1);
+  EXPECT_EQ(0u, last);  // the folder goes only after an empty batch
+  EXPECT_EQ(1u, capture->FindContaining("Folder Record and its descendants Deleted : ").size());
+
+  // Exactly the kept records are left.
+  EXPECT_EQ(kept, this->CountRecords());
+  EXPECT_TRUE(this->Stored(this->root_));
+  EXPECT_TRUE(this->IsStored("/big2", true));
+  EXPECT_TRUE(this->IsStored("/big2/keep-a", false));
+  EXPECT_TRUE(this->IsStored("/keep", true));
+  EXPECT_TRUE(this->IsStored("/keep/inner", true));
+  EXPECT_TRUE(this->IsStored("/keep/inner/keep-b", false));
+  EXPECT_TRUE(this->IsStored("/keep-c", false));
+  EXPECT_FALSE(this->Stored(big));
+}
+
+}  // namespace
