@@ -1,0 +1,134 @@
+// The Lustre FID object, the open-by-FID path helper and the FID lookup, both
+// through the Lustre client (off Lustre: its errors) and a test resolver.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "lustre/CLustreFID.h"
+#include "lustre/GetFIDFromPath.h"
+#include "lustre/PathLustre.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using LustreAPI::CLustreFID;
+using LustreAPI::lu_fid;
+
+TEST(LustreFID, ValueOperationsIgnoreTheHeaderWord) {
+  CLustreFID empty;
+  EXPECT_TRUE(empty.empty());
+  EXPECT_EQ(empty.toString(), "[0x0:0x0:0x0]");
+  CLustreFID fid(0x200000400ULL, 0x1a, 0);
+  EXPECT_EQ(fid.toString(), "[0x200000400:0x1a:0x0]");
+  EXPECT_FALSE(fid.empty());
+  EXPECT_EQ(CLustreFID(0xABCDEF0123456789ULL, 0xFFFFFFFF, 0x10).toString(),
+            "[0xabcdef0123456789:0xffffffff:0x10]");
+  EXPECT_FALSE(CLustreFID(0, 0, 1).empty());
+
+  // Assignment writes the lu_fid only: a non-zero header word survives it.
+  alignas(CLustreFID) unsigned char raw[sizeof(CLustreFID)];
+  CLustreFID* inPlace = new (raw) CLustreFID();
+  std::memset(raw, 0xAB, 8);
+  *inPlace = fid;
+  EXPECT_EQ(inPlace->getHeaderWord(), 0xABABABABABABABABULL);
+  EXPECT_TRUE(*inPlace == fid);
+  EXPECT_EQ(inPlace->getSequence(), 0x200000400ULL);
+  EXPECT_EQ(inPlace->getObjectId(), 0x1au);
+  EXPECT_EQ(inPlace->getVersion(), 0u);
+  // Equality ignores the header word; every lu_fid component counts.
+  EXPECT_TRUE(CLustreFID(fid) == *inPlace);
+  EXPECT_EQ(CLustreFID(fid).getHeaderWord(), 0u);
+  EXPECT_FALSE(fid == CLustreFID(0x200000400ULL, 0x1a, 1));
+  EXPECT_FALSE(fid == CLustreFID(0x200000400ULL, 0x1b, 0));
+  EXPECT_FALSE(fid == CLustreFID(0x200000401ULL, 0x1a, 0));
+}
+
+TEST(LustreFID, PathLustreFormatsLikeSnprintf) {
+  lu_fid fid{0x200000400ULL, 0x1a, 0x2};
+  char buffer[128];
+  int n = LustreAPI::path_lustre(buffer, sizeof buffer, "/mnt/lustre", &fid);
+  EXPECT_STREQ(buffer, "/mnt/lustre/.lustre/fid/0x200000400:0x1a:0x2");
+  EXPECT_EQ(n, static_cast<int>(std::strlen(buffer)));
+  char small[12];
+  EXPECT_EQ(LustreAPI::path_lustre(small, sizeof small, "/mnt/lustre", &fid), n);
+  EXPECT_STREQ(small, "/mnt/lustre");
+  lu_fid zero{0, 0, 0};
+  LustreAPI::path_lustre(buffer, sizeof buffer, "/m", &zero);
+  EXPECT_STREQ(buffer, "/m/.lustre/fid/0:0x0:0x0");  // %#llx prints 0 without a prefix
+}
+
+TEST(LustreFID, LookupOffLustreFailsAndLeavesTheFID) {
+  TempDir dir;
+  const std::string file = dir / "plain";
+  std::ofstream(file) << "x";
+  ASSERT_EQ(0, ::symlink(file.c_str(), (dir / "link").c_str()));
+  ASSERT_EQ(0, ::mkfifo((dir / "fifo").c_str(), 0600));
+
+  CLustreFID fid(1, 2, 3);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(file, fid), -ENOTTY);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(dir.path(), fid), -ENOTTY);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(dir / "missing", fid), -ENOENT);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath("", fid), -ENOENT);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(dir / "link", fid), -ELOOP);
+  // A FIFO without a writer must not block the lookup.
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(dir / "fifo", fid), -ENOTTY);
+  EXPECT_TRUE(fid == CLustreFID(1, 2, 3));
+}
+
+TEST(LustreFID, ResolverStandsInForTheClient) {
+  TempDir dir;
+  std::vector<std::string> asked;
+  LustreAPI::SetFIDResolver([&](const std::string& path, lu_fid& fid) {
+    asked.push_back(path);
+    if (path == "/lustre/a") {
+      fid = lu_fid{0x200000400ULL, 7, 0};
+      return 0;
+    }
+    fid = lu_fid{9, 9, 9};  // a failing resolver's scribbles are not kept
+    return path == "/lustre/positive" ? EIO : -ENOENT;
+  });
+  CLustreFID fid;
+  EXPECT_EQ(LustreAPI::GetFIDFromPath("/lustre/a", fid), 0);
+  EXPECT_TRUE(fid == CLustreFID(0x200000400ULL, 7, 0));
+  EXPECT_EQ(LustreAPI::GetFIDFromPath("/lustre/b", fid), -ENOENT);
+  EXPECT_EQ(LustreAPI::GetFIDFromPath("/lustre/positive", fid), -EIO);
+  EXPECT_TRUE(fid == CLustreFID(0x200000400ULL, 7, 0));
+  EXPECT_EQ(asked, (std::vector<std::string>{"/lustre/a", "/lustre/b", "/lustre/positive"}));
+
+  // Concurrent lookups while the resolver is replaced see one or the other.
+  LustreAPI::ResetFIDResolver();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 2; ++t)
+    threads.emplace_back([] {
+      for (int i = 0; i < 2000; ++i) {
+        CLustreFID local;
+        int status = LustreAPI::GetFIDFromPath("/swap", local);
+        EXPECT_TRUE(status == -ENOENT || status == 0 || status == -ENOTTY);
+      }
+    });
+  for (int i = 0; i < 200; ++i) {
+    LustreAPI::SetFIDResolver([](const std::string&, lu_fid& f) {
+      f = lu_fid{1, 1, 1};
+      return 0;
+    });
+    LustreAPI::ResetFIDResolver();
+  }
+  for (std::thread& t : threads) t.join();
+
+  LustreAPI::ResetFIDResolver();
+  const std::string file = dir / "plain";
+  std::ofstream(file) << "x";
+  EXPECT_EQ(LustreAPI::GetFIDFromPath(file, fid), -ENOTTY);
+  EXPECT_EQ(asked.size(), 3u);
+}
+
+}  // namespace
