@@ -25,6 +25,8 @@
 // types and TFieldType.h for field types.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -134,6 +136,15 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   // every record is in every index. TBL_OK or TBL_BAD_FORMAT, with a text
   // describing the first problem in *report when given.
   int checkConsistency(std::string* report = nullptr);
+
+  // Record number of the current record (numbers start at 1, are handed out
+  // in insertion order and never reused; readByOffset takes them), or 0 when
+  // there is none.
+  int64_t currentRecordNumber() const;
+  // Records in the data file, or a negated status.
+  int64_t numberOfRecords();
+  // Memory bound of one index rebuild's sort run (default 64 MiB).
+  void setRebuildMemoryLimit(size_t bytes);
 
   static const char* errToString(int status);
 

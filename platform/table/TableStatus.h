@@ -22,4 +22,6 @@ enum TableStatus : int {
   TBL_NOT_SUPPORTED = 115,     // an interactive or versioning hook this engine lacks
   TBL_INDEX_SUSPENDED = 116,   // an index read while indexing is suspended
   TBL_NOT_DEFINED = 117,       // create/open before the schema is complete
+  TBL_FILES_MISMATCH = 118,    // the data and index files come from different tables
+  TBL_READ_ONLY = 119,         // a write on a table opened read-only
 };

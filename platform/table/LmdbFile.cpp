@@ -1,0 +1,219 @@
+#include "LmdbFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <cstdio>
+
+#include "table/TableStatus.h"
+
+namespace wztable {
+namespace {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+
+uint64_t roundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+// Layout of an LMDB 0.9 meta page: a 16-byte page header, then MDB_meta.
+constexpr size_t kMetaMagicAt = 16;
+constexpr size_t kMetaVersionAt = 20;
+constexpr size_t kMetaPageSizeAt = 40;  // mm_dbs[FREE_DBI].md_pad
+constexpr size_t kMetaMainRootAt = 40 + 48 + 40;  // mm_dbs[MAIN_DBI].md_root
+constexpr size_t kMetaLastPageAt = 136;
+constexpr size_t kMetaTxnIdAt = 144;
+constexpr size_t kMetaBytes = 152;
+constexpr uint32_t kLmdbMagic = 0xBEEFC0DEu;
+constexpr uint32_t kLmdbDataVersion = 1;
+
+template <typename T>
+T readAt(const unsigned char* page, size_t at) {
+  T value;
+  std::memcpy(&value, page + at, sizeof(T));
+  return value;
+}
+
+int statusFromErrno(int err) {
+  switch (err) {
+    case ENOENT: return TBL_FILE_MISSING;
+    case EEXIST: return TBL_FILE_EXISTS;
+    case ELOOP: return TBL_BAD_FORMAT;
+    case ENOSPC:
+    case EFBIG:
+    case EDQUOT: return TBL_FILE_FULL;
+    default: return TBL_IO_ERROR;
+  }
+}
+
+}  // namespace
+
+int statusFromMdb(int rc) {
+  switch (rc) {
+    case MDB_SUCCESS: return TBL_OK;
+    case MDB_NOTFOUND: return TBL_NOT_FOUND;
+    case MDB_KEYEXIST: return TBL_DUPLICATE_KEY;
+    case MDB_MAP_FULL:
+    case MDB_TXN_FULL: return TBL_FILE_FULL;
+    case MDB_INVALID:
+    case MDB_VERSION_MISMATCH:
+    case MDB_CORRUPTED:
+    case MDB_PAGE_NOTFOUND:
+    case MDB_INCOMPATIBLE:
+    case MDB_BAD_DBI: return TBL_BAD_FORMAT;
+    case MDB_BAD_VALSIZE: return TBL_BAD_ARGUMENT;
+    default: return rc > 0 ? statusFromErrno(rc) : TBL_IO_ERROR;
+  }
+}
+
+LmdbFile::~LmdbFile() { close(); }
+
+int LmdbFile::openFile(const std::string& path, bool create, bool readOnly) {
+  path_ = path;
+  readOnly_ = readOnly && !create;
+  created_ = create;
+  int flags = O_CLOEXEC | O_NOFOLLOW | (readOnly_ ? O_RDONLY : O_RDWR);
+  if (create) flags |= O_CREAT | O_EXCL;
+  fd_ = ::open(path.c_str(), flags, 0600);
+  if (fd_ < 0) return statusFromErrno(errno);
+  struct stat st;
+  if (fstat(fd_, &st) != 0) return TBL_IO_ERROR;
+  if (!S_ISREG(st.st_mode)) return TBL_BAD_FORMAT;
+  originalSize_ = static_cast<uint64_t>(st.st_size);
+  return TBL_OK;
+}
+
+int LmdbFile::lock(bool exclusive) {
+  if (flock(fd_, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) return TBL_OK;
+  return errno == EWOULDBLOCK ? TBL_IN_USE : TBL_IO_ERROR;
+}
+
+int LmdbFile::validate() const {
+  const uint64_t size = fileSize();
+  unsigned char meta[2][kMetaBytes];
+  if (size < 2 * 4096 && size < 2 * kMetaBytes) return TBL_BAD_FORMAT;
+  if (pread(fd_, meta[0], kMetaBytes, 0) != static_cast<ssize_t>(kMetaBytes)) return TBL_BAD_FORMAT;
+  const uint32_t pageSize = readAt<uint32_t>(meta[0], kMetaPageSizeAt);
+  if (pageSize < 512 || pageSize > 65536 || (pageSize & (pageSize - 1)) != 0) return TBL_BAD_FORMAT;
+  if (size < 2ull * pageSize) return TBL_BAD_FORMAT;
+  if (pread(fd_, meta[1], kMetaBytes, pageSize) != static_cast<ssize_t>(kMetaBytes))
+    return TBL_BAD_FORMAT;
+  for (const auto& page : meta) {
+    if (readAt<uint32_t>(page, kMetaMagicAt) != kLmdbMagic) return TBL_BAD_FORMAT;
+    if (readAt<uint32_t>(page, kMetaVersionAt) != kLmdbDataVersion) return TBL_BAD_FORMAT;
+  }
+  // LMDB uses the meta page with the newer transaction id.
+  const unsigned char* current =
+      readAt<uint64_t>(meta[1], kMetaTxnIdAt) > readAt<uint64_t>(meta[0], kMetaTxnIdAt) ? meta[1]
+                                                                                       : meta[0];
+  const uint64_t lastPage = readAt<uint64_t>(current, kMetaLastPageAt);
+  if (lastPage < 1 || lastPage >= size / pageSize) return TBL_BAD_FORMAT;
+  const uint64_t mainRoot = readAt<uint64_t>(current, kMetaMainRootAt);
+  if (mainRoot != ~0ull && (mainRoot < 2 || mainRoot > lastPage)) return TBL_BAD_FORMAT;
+  return TBL_OK;
+}
+
+int LmdbFile::preallocate(uint64_t size) {
+  int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));
+  if (rc == 0) return TBL_OK;
+  if (rc == EOPNOTSUPP || rc == EINVAL) {
+    struct stat st;
+    if (fstat(fd_, &st) == 0 && static_cast<uint64_t>(st.st_size) >= size) return TBL_OK;
+    if (ftruncate(fd_, static_cast<off_t>(size)) == 0) return TBL_OK;
+    rc = errno;
+  }
+  return statusFromErrno(rc);
+}
+
+int LmdbFile::openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap) {
+  growStep_ = growStep;
+  sizeCap_ = sizeCap;
+  int rc = mdb_env_create(&env_);
+  if (rc != 0) {
+    env_ = nullptr;
+    return statusFromMdb(rc);
+  }
+  const uint64_t size = fileSize();
+  uint64_t mapSize = readOnly_ ? roundUp(size ? size : 1, 4096) : roundUp(size, kMiB) + kMiB;
+  if (!readOnly_ && sizeCap_ && mapSize > sizeCap_) mapSize = sizeCap_ > size ? sizeCap_ : size;
+  mapSize_ = static_cast<size_t>(mapSize);
+  mdb_env_set_maxdbs(env_, maxDbs);
+  mdb_env_set_mapsize(env_, mapSize_);
+  unsigned flags = MDB_NOSUBDIR | MDB_NOLOCK | MDB_NORDAHEAD;
+  flags |= readOnly_ ? MDB_RDONLY : (MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC);
+  const std::string procPath = "/proc/self/fd/" + std::to_string(fd_);
+  rc = mdb_env_open(env_, procPath.c_str(), flags, 0600);
+  if (rc != 0) return statusFromMdb(rc);
+  // LMDB sizes a new file itself (it must find it empty); the blocks of the
+  // map are claimed once it is open.
+  return readOnly_ ? TBL_OK : preallocate(mapSize_);
+}
+
+int LmdbFile::grow(size_t minExtra) {
+  uint64_t step = growStep_;
+  if (step < mapSize_ / 8) step = mapSize_ / 8;
+  if (step < minExtra) step = minExtra;
+  uint64_t newSize = roundUp(mapSize_ + step, kMiB);
+  if (sizeCap_ && newSize > sizeCap_) newSize = sizeCap_;
+  if (newSize <= mapSize_) return TBL_FILE_FULL;
+  int status = preallocate(newSize);
+  if (status != TBL_OK) return status;
+  int rc = mdb_env_set_mapsize(env_, static_cast<size_t>(newSize));
+  if (rc != 0) return statusFromMdb(rc);
+  mapSize_ = static_cast<size_t>(newSize);
+  return TBL_OK;
+}
+
+uint64_t LmdbFile::lastTxnId() const {
+  MDB_envinfo info;
+  if (!env_ || mdb_env_info(env_, &info) != 0) return 0;
+  return info.me_last_txnid;
+}
+
+uint64_t LmdbFile::fileSize() const {
+  struct stat st;
+  if (fd_ < 0 || fstat(fd_, &st) != 0) return 0;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+int LmdbFile::close() {
+  int status = TBL_OK;
+  if (env_) {
+    uint64_t used = 0;
+    if (!readOnly_) {
+      if (mdb_env_sync(env_, 1) != 0) status = TBL_IO_ERROR;
+      MDB_envinfo info;
+      MDB_stat stat;
+      if (mdb_env_info(env_, &info) == 0 && mdb_env_stat(env_, &stat) == 0)
+        used = (static_cast<uint64_t>(info.me_last_pgno) + 1) * stat.ms_psize;
+    }
+    mdb_env_close(env_);
+    env_ = nullptr;
+    if (used && fd_ >= 0) {
+      if (ftruncate(fd_, static_cast<off_t>(used)) != 0 || fdatasync(fd_) != 0)
+        status = TBL_IO_ERROR;
+    }
+  }
+  if (fd_ >= 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  return status;
+}
+
+void LmdbFile::abandon() {
+  if (env_) {
+    mdb_env_close(env_);
+    env_ = nullptr;
+  }
+  if (fd_ >= 0) {
+    if (!readOnly_ && !created_ && fileSize() != originalSize_)
+      (void)!ftruncate(fd_, static_cast<off_t>(originalSize_));
+    ::close(fd_);
+    fd_ = -1;
+  }
+}
+
+}  // namespace wztable
