@@ -1,1 +1,264 @@
+// Files: create / open statuses, the lock, schema and table-id checks, file
+// sizes, variable-length storage, record numbers, current-record rules.
 #include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include "TableTestUtil.h"
+#include "support/TempDir.h"
+
+using namespace tabletest;
+
+TEST(TableFiles, CreateAndOpenStatuses) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  {
+    TCtreeTable table;
+    ASSERT_EQ(defineSchema(table, name, genericSchema()), TBL_OK);
+    EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_FILE_MISSING);
+    EXPECT_EQ(table.open(WZIndexing::kAccessCreate), TBL_BAD_ARGUMENT);
+    ASSERT_EQ(table.create(), TBL_OK);
+    EXPECT_TRUE(table.isOpen());
+    // A second object on the same files, in the same process: in use.
+    TCtreeTable second;
+    EXPECT_EQ(openTable(second, name, genericSchema()), TBL_IN_USE);
+    EXPECT_EQ(openTable(second, name, genericSchema(), WZIndexing::kAccessReadOnly), TBL_IN_USE);
+    EXPECT_FALSE(second.isOpen());
+    auto image = genericRecord(1, 2, "kept");
+    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+    ASSERT_EQ(table.close(), TBL_OK);
+    EXPECT_EQ(table.close(), TBL_NOT_OPEN);
+  }
+  {
+    TCtreeTable again;
+    EXPECT_EQ(createTable(again, name, genericSchema()), TBL_FILE_EXISTS);
+    ASSERT_EQ(again.open(WZIndexing::kAccessReadWrite), TBL_OK);
+    std::vector<uint8_t> out(440);
+    ASSERT_EQ(again.firstRecord(-1, out.data()), TBL_OK);
+    EXPECT_EQ(out, genericRecord(1, 2, "kept"));
+  }
+  // Only an index file left over: create refuses and makes no data file.
+  const std::string other = dir / "o";
+  writeFile(other + ".idx", "x");
+  TCtreeTable table;
+  EXPECT_EQ(createTable(table, other, genericSchema()), TBL_FILE_EXISTS);
+  EXPECT_EQ(fileSize(other + ".dat"), -1);
+  // A symlink in place of the data file is not followed.
+  ASSERT_EQ(symlink((dir / "t.dat").c_str(), (dir / "l.dat").c_str()), 0);
+  ASSERT_EQ(symlink((dir / "t.idx").c_str(), (dir / "l.idx").c_str()), 0);
+  TCtreeTable linked;
+  EXPECT_EQ(openTable(linked, dir / "l", genericSchema()), TBL_BAD_FORMAT);
+}
+
+TEST(TableFiles, FailedOpensLeaveTheFilesAsTheyWere) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  {
+    TCtreeTable table;
+    ASSERT_EQ(createTable(table, name, genericSchema()), TBL_OK);
+    for (int i = 1; i <= 20; ++i) {
+      auto image = genericRecord(static_cast<uint8_t>(i), 0, "n" + std::to_string(i));
+      ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+    }
+  }
+  const std::string data = fileBytes(name + ".dat"), index = fileBytes(name + ".idx");
+
+  TCtreeTable lustreLike;  // another schema on the same files
+  EXPECT_EQ(openTable(lustreLike, name, smallSchema()), TBL_SCHEMA_MISMATCH);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+  EXPECT_EQ(fileBytes(name + ".idx"), index);
+
+  // An index file of another table with the same schema.
+  const std::string stranger = dir / "s";
+  {
+    TCtreeTable table;
+    ASSERT_EQ(createTable(table, stranger, genericSchema()), TBL_OK);
+  }
+  ASSERT_EQ(rename((stranger + ".idx").c_str(), (name + ".idx").c_str()), 0);
+  TCtreeTable mixed;
+  EXPECT_EQ(openTable(mixed, name, genericSchema()), TBL_FILES_MISMATCH);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+
+  ASSERT_EQ(unlink((name + ".idx").c_str()), 0);
+  TCtreeTable missing;
+  EXPECT_EQ(openTable(missing, name, genericSchema()), TBL_FILE_MISSING);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+
+  writeFile(name + ".idx", "");
+  TCtreeTable empty;
+  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
+  writeFile(name + ".idx", std::string(8192, '\x5a'));
+  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
+  writeFile(name + ".idx", index.substr(0, index.size() / 2));
+  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+  EXPECT_EQ(fileSize(name + ".idx"), static_cast<long long>(index.size() / 2));
+
+  // With its own index file back, the table opens and holds everything.
+  writeFile(name + ".idx", index);
+  TCtreeTable table;
+  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
+  EXPECT_EQ(table.numberOfRecords(), 20);
+  EXPECT_EQ(table.checkConsistency(), TBL_OK);
+}
+
+TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  TCtreeTable table;
+  ASSERT_EQ(createTable(table, name, genericSchema()), TBL_OK);
+  std::vector<std::vector<uint8_t>> images;
+  for (int i = 0; i < 2000; ++i) {
+    auto image = genericRecord(0, static_cast<uint8_t>(i % 7), "file-name-of-20-byte");
+    std::memcpy(image.data(), &i, sizeof i);
+    std::memset(image.data() + 32, 0x11, 144);
+    images.push_back(image);
+    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+  }
+  // A record whose last byte is set keeps all 440 bytes; one with a name of
+  // 255 bytes and one with an empty name round-trip exactly.
+  auto full = genericRecord(0xF1, 1, std::string(255, 'z'));
+  full[439] = 0x7F;
+  auto bare = genericRecord(0xF2, 1, "");
+  ASSERT_EQ(table.addRecord(full.data()), TBL_OK);
+  ASSERT_EQ(table.addRecord(bare.data()), TBL_OK);
+  std::vector<uint8_t> out(440, 0xEE);
+  ASSERT_EQ(table.readByOffset(out.data(), 2001, 440), TBL_OK);
+  EXPECT_EQ(out, full);
+  ASSERT_EQ(table.readByOffset(out.data(), 2002, 440), TBL_OK);
+  EXPECT_EQ(out, bare);
+  std::vector<uint8_t> fixed(440, 0xEE);
+  ASSERT_EQ(table.readFixedByOffset(fixed.data(), 2001, 440), TBL_OK);
+  EXPECT_TRUE(std::equal(fixed.begin(), fixed.begin() + 181, full.begin()));
+  EXPECT_EQ(fixed[181], 0xEE);  // only the fixed part is copied
+  EXPECT_EQ(table.readByOffset(out.data(), 2003, 440), TBL_NOT_FOUND);
+  EXPECT_EQ(table.readByOffset(out.data(), 0, 440), TBL_BAD_ARGUMENT);
+
+  const long long openSize = fileSize(name + ".dat");
+  ASSERT_EQ(table.close(), TBL_OK);
+  const long long dataSize = fileSize(name + ".dat"), indexSize = fileSize(name + ".idx");
+  EXPECT_LT(dataSize, openSize);
+  // 20-byte names: both files together well under 400 bytes per record.
+  EXPECT_LT(dataSize + indexSize, 2002LL * 400);
+  EXPECT_LT(dataSize, 2002LL * 300);  // trimmed: far less than 440 per record
+
+  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
+  for (int i = 0; i < 2000; i += 97) {
+    ASSERT_EQ(table.readByOffset(out.data(), i + 1, 440), TBL_OK);
+    EXPECT_EQ(out, images[i]);
+  }
+  // Deleting every record reuses freed pages: the file does not keep growing.
+  for (int rc = table.firstRecord(-1, out.data()); rc == TBL_OK; rc = table.nextRecord(-1, out.data()))
+    ASSERT_EQ(table.deleteRecord(), TBL_OK);
+  ASSERT_EQ(table.close(), TBL_OK);
+  EXPECT_LE(fileSize(name + ".dat"), dataSize + 64 * 1024);
+}
+
+TEST(TableFiles, RecordNumbersAreNeverReused) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  TCtreeTable table;
+  ASSERT_EQ(createTable(table, name, smallSchema()), TBL_OK);
+  std::vector<uint8_t> out(64);
+  for (uint64_t id = 1; id <= 3; ++id) {
+    auto image = smallRecord(id, 0, 0, "r");
+    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+  }
+  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 3);
+  ASSERT_EQ(table.deleteRecord(), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 0);
+  ASSERT_EQ(table.close(), TBL_OK);
+  ASSERT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_OK);
+  auto image = smallRecord(9, 0, 0, "new");
+  ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 4);
+  EXPECT_EQ(out, image);
+}
+
+TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
+  TempDir dir;
+  TCtreeTable table;
+  const SchemaSpec spec = smallSchema();
+  std::vector<uint8_t> out(64);
+  EXPECT_EQ(table.firstRecord(0, out.data()), TBL_NOT_OPEN);
+  ASSERT_EQ(createTable(table, dir / "t", spec), TBL_OK);
+  auto a = smallRecord(10, 1, 100, "a"), b = smallRecord(20, 1, 200, "b"), c = smallRecord(30, 2, 300, "c");
+  for (auto* r : {&a, &b, &c}) ASSERT_EQ(table.addRecord(r->data()), TBL_OK);
+
+  EXPECT_EQ(table.modifyRecord(a.data()), TBL_NO_CURRENT);
+  EXPECT_EQ(table.deleteRecord(), TBL_NO_CURRENT);
+  EXPECT_EQ(table.nextRecord(0, out.data()), TBL_NO_CURRENT);
+  EXPECT_EQ(table.getRecord(-1, out.data(), out.data()), TBL_BAD_ARGUMENT);
+  EXPECT_EQ(table.getRecord(3, out.data(), out.data()), TBL_BAD_ARGUMENT);
+  EXPECT_EQ(table.firstRecord(0, nullptr), TBL_BAD_ARGUMENT);
+
+  // Bypass: reads return records but leave the current record where it was.
+  auto key = engineKey(table, spec, 0, a.data());
+  ASSERT_EQ(table.getRecord(0, key.data(), out.data()), TBL_OK);
+  table.setBypassMode(true);
+  EXPECT_TRUE(table.getBypassMode());
+  ASSERT_EQ(table.lastRecord(0, out.data()), TBL_OK);
+  EXPECT_EQ(out, c);
+  table.setBypassMode(false);
+  ASSERT_EQ(table.deleteRecord(), TBL_OK);  // deletes a, not c
+  EXPECT_EQ(table.getRecord(0, key.data(), out.data()), TBL_NOT_FOUND);
+  EXPECT_EQ(table.numberOfRecords(), 2);
+
+  // After a delete, next continues with the following record on that index;
+  // another index needs an existing current record.
+  EXPECT_EQ(table.modifyRecord(a.data()), TBL_NO_CURRENT);
+  EXPECT_EQ(table.nextRecord(1, out.data()), TBL_NO_CURRENT);
+  ASSERT_EQ(table.nextRecord(0, out.data()), TBL_OK);
+  EXPECT_EQ(out, b);
+
+  // Moving a key on a unique index onto another record's key changes nothing.
+  auto clash = b;
+  std::memcpy(clash.data(), c.data(), 8);
+  EXPECT_EQ(table.modifyRecord(clash.data()), TBL_DUPLICATE_KEY);
+  auto again = smallRecord(30, 9, 9, "dup");
+  EXPECT_EQ(table.addRecord(again.data()), TBL_DUPLICATE_KEY);
+  EXPECT_EQ(table.numberOfRecords(), 2);
+  EXPECT_EQ(table.checkConsistency(), TBL_OK);
+  ASSERT_EQ(table.readByOffset(out.data(), 2, 64), TBL_OK);
+  EXPECT_EQ(out, b);
+
+  // A key change moves the entries; the current record follows on its index.
+  auto moved = b;
+  uint64_t newId = 5;
+  std::memcpy(moved.data(), &newId, 8);
+  ASSERT_EQ(table.getRecord(0, engineKey(table, spec, 0, b.data()).data(), out.data()), TBL_OK);
+  ASSERT_EQ(table.modifyRecord(moved.data()), TBL_OK);
+  ASSERT_EQ(table.nextRecord(0, out.data()), TBL_OK);
+  EXPECT_EQ(out, c);
+  ASSERT_EQ(table.firstRecord(0, out.data()), TBL_OK);
+  EXPECT_EQ(out, moved);
+  EXPECT_EQ(table.checkConsistency(), TBL_OK);
+}
+
+TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  {
+    TCtreeTable table;
+    ASSERT_EQ(createTable(table, name, smallSchema()), TBL_OK);
+    auto image = smallRecord(1, 1, 1, "ro");
+    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+  }
+  const std::string data = fileBytes(name + ".dat");
+  TCtreeTable reader, other, writer;
+  ASSERT_EQ(openTable(reader, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
+  ASSERT_EQ(openTable(other, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
+  EXPECT_EQ(openTable(writer, name, smallSchema()), TBL_IN_USE);
+  std::vector<uint8_t> out(64);
+  ASSERT_EQ(reader.firstRecord(0, out.data()), TBL_OK);
+  EXPECT_EQ(reader.addRecord(out.data()), TBL_READ_ONLY);
+  EXPECT_EQ(reader.modifyRecord(out.data()), TBL_READ_ONLY);
+  EXPECT_EQ(reader.deleteRecord(), TBL_READ_ONLY);
+  EXPECT_EQ(reader.suspendIndexing(), -1);
+  ASSERT_EQ(reader.close(), TBL_OK);
+  ASSERT_EQ(other.close(), TBL_OK);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+  EXPECT_EQ(writer.open(WZIndexing::kAccessReadWrite), TBL_OK);
+}
