@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "BenchBackend.h"
@@ -143,7 +142,21 @@ class LmdbBackend : public BenchBackend {
     MDB_txn* txn = begin();
     check(mdb_drop(txn, guid_, 0), "drop guid");
     check(mdb_drop(txn, parent_, 0), "drop parent");
-    std::vector<std::pair<std::string, uint64_t>> guids, parents;
+    struct GuidEntry {
+      uint8_t key[16];
+      uint64_t recno;
+    };
+    struct ParentEntry {
+      uint8_t key[72];
+      uint32_t length;
+      uint64_t recno;
+    };
+    std::vector<GuidEntry> guids;
+    std::vector<ParentEntry> parents;
+    MDB_stat st;
+    check(mdb_stat(txn, records_, &st), "stat");
+    guids.reserve(st.ms_entries);
+    parents.reserve(st.ms_entries);
     MDB_cursor* cur;
     check(mdb_cursor_open(txn, records_, &cur), "cursor");
     MDB_val k, v;
@@ -153,19 +166,28 @@ class LmdbBackend : public BenchBackend {
       uint64_t recno;
       std::memcpy(&recno, k.mv_data, 8);
       decode(v, &rec);
-      guids.emplace_back(std::string(reinterpret_cast<char*>(rec.guid), 16), recno);
-      uint8_t pk[72];
-      parents.emplace_back(std::string(reinterpret_cast<char*>(pk), parentKey(rec, pk)), recno);
+      guids.push_back(GuidEntry{{}, recno});
+      std::memcpy(guids.back().key, rec.guid, 16);
+      parents.push_back(ParentEntry{{}, 0, recno});
+      parents.back().length = uint32_t(parentKey(rec, parents.back().key));
     }
     mdb_cursor_close(cur);
-    std::sort(guids.begin(), guids.end());
-    std::sort(parents.begin(), parents.end());
-    for (auto& [key, recno] : guids) {
-      MDB_val gk{key.size(), key.data()}, rv{8, &recno};
+    std::sort(guids.begin(), guids.end(), [](const GuidEntry& a, const GuidEntry& b) {
+      return std::memcmp(a.key, b.key, 16) < 0;
+    });
+    // LMDB's default order: bytes, then the shorter key first; duplicates by number.
+    std::sort(parents.begin(), parents.end(), [](const ParentEntry& a, const ParentEntry& b) {
+      const int c = std::memcmp(a.key, b.key, std::min(a.length, b.length));
+      if (c != 0) return c < 0;
+      if (a.length != b.length) return a.length < b.length;
+      return a.recno < b.recno;
+    });
+    for (auto& e : guids) {
+      MDB_val gk{16, e.key}, rv{8, &e.recno};
       check(mdb_put(txn, guid_, &gk, &rv, MDB_APPEND), "append guid");
     }
-    for (auto& [key, recno] : parents) {
-      MDB_val pk{key.size(), key.data()}, rv{8, &recno};
+    for (auto& e : parents) {
+      MDB_val pk{e.length, e.key}, rv{8, &e.recno};
       check(mdb_put(txn, parent_, &pk, &rv, MDB_APPENDDUP), "append parent");
     }
     check(mdb_txn_commit(txn), "commit rebuild");

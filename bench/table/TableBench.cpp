@@ -122,7 +122,7 @@ int main(int argc, char** argv) {
   }
 
   const BenchWorkload work(records, seed);
-  const uint32_t changed = records / 5;  // records modified, and as many deleted
+  const uint32_t changed = records / 10;  // records modified, and as many deleted
   const std::vector<uint32_t> order = work.shuffled(records, 1);
   std::fprintf(stderr, "table_bench: %u records, %zu folders, files under %s\n", records,
                work.folders().size(), root.c_str());
