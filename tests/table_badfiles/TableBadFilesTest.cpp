@@ -287,6 +287,64 @@ TEST_F(TableBadFiles, MissingFiles) {
   expectIntact();
 }
 
+TEST_F(TableBadFiles, FilesOfTwoTables) {
+  // Same schema, same number of writes: only the table identity tells the
+  // two apart.
+  TempDir other;
+  const std::string otherName = other / "WzScanDB";
+  ASSERT_NO_FATAL_FAILURE(makeTable(otherName, 2));
+  const std::string otherIdx = readFile(otherName + ".idx");
+  const std::string otherDat = readFile(otherName + ".dat");
+  restore();
+  writeFile(idxPath(), otherIdx);
+  expectOpenRefused(TBL_FILES_MISMATCH, "index file of another table");
+  restore();
+  writeFile(datPath(), otherDat);
+  expectOpenRefused(TBL_FILES_MISMATCH, "data file of another table");
+  expectIntact();
+}
+
+TEST_F(TableBadFiles, StaleIndexOfTheSameTableIsRebuilt) {
+  // An index file left behind by later writes is not bad: open rebuilds it
+  // from the data file, which it must not change.
+  restore();
+  {
+    GenericSchemaTable table;
+    ASSERT_EQ(table.openTable(name_), TBL_OK);
+    for (int i = kRecords; i < kRecords + 50; ++i) {
+      SGenericRecord r = makeRecord(i, 1);
+      ASSERT_EQ(table.addRecord(&r), TBL_OK);
+    }
+    SGenericRecord first = makeRecord(0, 1), got;
+    GenericKey key;
+    ASSERT_EQ(table.buildKey(0, first, &key), TBL_OK);
+    ASSERT_EQ(table.getRecord(0, key.bytes, &got), TBL_OK);
+    ASSERT_EQ(table.deleteRecord(), TBL_OK);
+    ASSERT_EQ(table.close(), TBL_OK);
+  }
+  const std::string newerDat = readFile(datPath());
+  writeFile(idxPath(), idx_);  // the index as it was before those writes
+  GenericSchemaTable table;
+  ASSERT_EQ(table.openTable(name_), TBL_OK);
+  std::string report;
+  EXPECT_EQ(table.checkConsistency(&report), TBL_OK) << report;
+  SGenericRecord got;
+  GenericKey key;
+  for (int i : {0, 1, kRecords - 1, kRecords, kRecords + 49}) {
+    const SGenericRecord want = makeRecord(i, 1);
+    ASSERT_EQ(table.buildKey(0, want, &key), TBL_OK);
+    const int status = table.getRecord(0, key.bytes, &got);
+    if (i == 0) {
+      EXPECT_EQ(status, TBL_NOT_FOUND) << "deleted record found through the stale index";
+    } else {
+      ASSERT_EQ(status, TBL_OK) << "record " << i;
+      EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << "record " << i;
+    }
+  }
+  ASSERT_EQ(table.close(), TBL_OK);
+  EXPECT_TRUE(readFile(datPath()) == newerDat) << "open changed the data file";
+}
+
 TEST_F(TableBadFiles, CreateOverExistingFiles) {
   auto createAttempt = [&](TCtreeTable& t) {
     return static_cast<GenericSchemaTable&>(t).createTable(name_);
