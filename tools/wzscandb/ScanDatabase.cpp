@@ -1,0 +1,89 @@
+#include "ScanDatabase.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "ToolError.h"
+#include "table/TableStatus.h"
+
+namespace {
+
+bool IsDirectory(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+void RequireDatabaseFiles(const std::string& directory) {
+  if (directory.empty()) throw ToolError(kExitNotFound, "the database directory is empty");
+  if (!IsDirectory(directory))
+    throw ToolError(kExitNotFound, "database directory " + directory + " does not exist");
+  struct stat st;
+  if (::stat((directory + "/WzScanDB.dat").c_str(), &st) != 0)
+    throw ToolError(kExitNotFound, "no scan database in " + directory + " (WzScanDB.dat is missing)");
+}
+
+std::string NormalizeEntryPath(const std::string& path) {
+  std::filesystem::path p(path);
+  if (p.is_relative()) p = std::filesystem::current_path() / p;
+  std::string text = p.lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
+ScanDatabase::ScanDatabase(const std::string& directory, RecordType type, Mode mode)
+    : directory_(directory), type_(type), prototype_(MakePrototype(type)) {
+  if (mode == Mode::kExisting) {
+    RequireDatabaseFiles(directory);
+  } else {
+    std::error_code ec;
+    std::filesystem::create_directories(directory, ec);
+    if (ec || !IsDirectory(directory))
+      throw ToolError(kExitFailed, "cannot create database directory " + directory + ": " +
+                                       (ec ? ec.message() : std::string("not a directory")));
+  }
+  db_.reset(new WzScanDB(prototype_->Clone()));
+  CKoError error = db_->initialize(directory_);
+  if (error.IsError()) {
+    db_->close();
+    if (error.GetKind() == EKoErrorKind::kInt && error.GetCode() == TBL_IN_USE)
+      throw DatabaseInUse("database at " + directory_ + " is in use by another process (" +
+                          ErrorLine(error) + ")");
+    if (error.GetKind() == EKoErrorKind::kInt && error.GetCode() == TBL_SCHEMA_MISMATCH)
+      throw WrongRecordType("database at " + directory_ + " is not a " + RecordTypeName(type_) +
+                            " scan database (" + ErrorLine(error) + ")");
+    throw ToolError(kExitFailed, "cannot open database at " + directory_ + ": " + ErrorLine(error));
+  }
+  open_ = true;
+}
+
+ScanDatabase::~ScanDatabase() {
+  if (open_) db_->close();
+}
+
+void ScanDatabase::Close() {
+  if (!open_) return;
+  open_ = false;
+  ThrowIfError(db_->close(), "cannot close database at " + directory_);
+}
+
+WzScanDBRecordBasePtr ScanDatabase::Lookup(const WzScanDBRecordBasePtr& probe) {
+  WzScanDBRecordBasePtr stored = probe->Clone();
+  bool found = false;
+  ThrowIfError(db_->checkDBRecord(probe, stored, found), "lookup failed in " + directory_);
+  return found ? stored : WzScanDBRecordBasePtr();
+}
+
+WzScanDBRecordBasePtr ScanDatabase::FindPath(const std::string& path) {
+  if (!HasTree(type_))
+    throw ToolError(kExitNotFound, std::string("a ") + RecordTypeName(type_) +
+                                       " database holds no paths");
+  std::string normal = NormalizeEntryPath(path);
+  WzScanDBRecordBasePtr stored = Lookup(prototype_->MakeObject(normal));
+  if (!stored) throw ToolError(kExitNotFound, normal + " is not in the database at " + directory_);
+  return stored;
+}
