@@ -18,6 +18,9 @@ class Writer {
     int status = table_.openTable(name);
     if (status != TBL_OK) fail(kOpOpen, status, 0);
     send(kAck, kOpOpen, 0, 0);
+    // Half the writers rebuild in small sort runs, so a kill may land while
+    // runs are spilled and merged.
+    if (rng_() % 2) table_.setRebuildMemoryLimit(16 << 10);
     const uint32_t keys = uint32_t(model_.state.size());
     for (;;) {
       const uint32_t key = uint32_t(rng_() % keys);
