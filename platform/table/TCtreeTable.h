@@ -1,28 +1,89 @@
 // TCtreeTable: one table of the ISAM table engine, stored in LMDB.
 //
 // A table is a schema (fields, indexes, key segments, registered through
-// internalInitialize / setNext* / initializeComplete) bound to two files:
-// <name>.dat, the records, and <name>.idx, the indexes. Records are fixed-size
-// byte images; keys are built by fillKeySegment/finishKey. A table object has
-// a current record: the record most recently located by a read.
-// modifyRecord and deleteRecord act on it; nextRecord/previousRecord move
-// from it in the order of the index they are given.
+// internalInitialize / setNextField / setNextIndex / setNextSegment /
+// initializeComplete) bound to two files: <name>.dat, the records, and
+// <name>.idx, the indexes. Each file is one LMDB environment in a single file.
+// Records are fixed-size byte images of recordSize bytes; in a
+// variable-length table the bytes after fixedRecordSize are stored without
+// their trailing zeros and read back as zeros. Record numbers start at 1, are
+// handed out in insertion order and never reused. Keys are built by
+// fillKeySegment/finishKey (TFieldType.h: how each field type becomes key
+// bytes; TKeyType.h: how keys are stored).
 //
-// Durability: every write commits before it returns (data file first, then the
-// index file). A killed process loses no operation that returned success and
-// never leaves files that cannot be opened; an index file left behind the data
-// file is rebuilt by open(). After a power loss or OS crash, operations of the
-// last moments before close() may be lost (commits are not synced one by one),
-// but the files stay openable; close() syncs both files.
+// Registration. internalInitialize calls the virtual registerTable(), whose
+// internalRegisterTable(maxFields, maxIndices, maxSegments) sets the limits
+// the schema must keep: at most maxFields fields, maxIndices indexes and
+// maxSegments key segments over all indexes (the base table allows 64, 16, 64;
+// WzScanDB declares 18, 12, 18). Beyond a limit, an unknown field type or key
+// type, a field outside the record, an integer segment shorter than its field,
+// segments that do not add up to the key length: TBL_BAD_SCHEMA.
+//
+// Files. create() makes both files (mode 0600, never through a symlink;
+// TBL_FILE_EXISTS when either exists) and leaves the table open. open(1) opens
+// them read-write, open(2) read-only. It answers TBL_FILE_MISSING when either
+// is absent, TBL_BAD_FORMAT for anything that is not a table file of this
+// engine (checked before LMDB maps it), TBL_SCHEMA_MISMATCH when the files hold
+// another schema, TBL_FILES_MISMATCH when the index file belongs to another
+// table (each create() stamps both files with one random table id); a failed
+// open leaves the files as they were. An index file that is behind its data
+// file (a process died between the two commits of a write) or whose indexing
+// was left suspended is rebuilt by open(), which logs a line at level 0; if a
+// unique index meets a duplicate key, open() still succeeds with indexing
+// suspended (level -1 line): delete the duplicates through the physical order
+// and call resumeIndexingAndRebuild(). A read-only open does not rebuild; its
+// index reads then answer TBL_INDEX_SUSPENDED.
+//
+// Size. The map grows on demand by max(hugeFileIncr() MiB, 1/8 of its size);
+// the disk blocks are claimed before the map grows, so a full disk or a file
+// size limit gives TBL_FILE_FULL, never a signal on a page of the map (the
+// process should ignore SIGXFSZ so that a file size limit is an error status).
+// Without createHugeFile() each file is capped at 4 GiB (TBL_FILE_FULL past
+// it); with it, only the disk limits the files. close() cuts both files back to
+// the pages in use, so closed files stay proportional to their content.
+//
+// Durability: every write commits before it returns (data file first, then
+// the index file). A killed process loses no operation that returned success
+// and never leaves files that cannot be opened; an index file left behind the
+// data file is rebuilt by open(). Commits are not synced one by one: after a
+// power loss or OS crash the writes of the last moments before close() may be
+// lost, but LMDB's copy-on-write pages keep the files openable; close() syncs
+// both files.
+//
+// Current record: every successful read (bypass mode off) makes the record it
+// returns current; a failed read leaves it where it was; addRecord does not
+// move it. modifyRecord and deleteRecord act on it (TBL_NO_CURRENT without
+// one). nextRecord/previousRecord continue from it in the order of the index
+// given, (key, record number), repositioning by the current record's key when
+// the last read was on another index; index -1 is the physical order (record
+// numbers ascending) for first/last/next/previousRecord. After deleteRecord,
+// next/previous on the same index continue from the deleted record's place.
+// setBypassMode(true) makes reads leave the current record where it was
+// (look-ups that must not disturb a pending modify or delete).
+//
+// Sets: firstInSet/lastInSet(index, key, buffer, prefixLength) read the first /
+// last record whose key starts with the first prefixLength bytes of key (0:
+// the whole index); nextInSet/previousInSet continue within that set and
+// answer TBL_NOT_FOUND at its end.
+//
+// Index maintenance: suspendIndexing() makes writes touch only the data file
+// (no unique-key checks) and marks the indexes stale; index reads answer
+// TBL_INDEX_SUSPENDED, physical (-1) reads work. resumeIndexingAndRebuild()
+// rebuilds every index from the data file as a bulk load: keys are sorted in
+// runs of at most 64 MiB (setRebuildMemoryLimit), spilled to unlinked
+// temporary files next to the table, merged and appended in order; the
+// merge's read buffers share the same bound, so a rebuild needs about twice
+// that much memory whatever the table's size.
 //
 // Thread safety: a table object is not thread-safe; its owner serialises all
 // calls. Two table objects (or processes) cannot hold the same files open:
-// the second gets TBL_IN_USE.
+// the data file carries an advisory lock, and the second open answers
+// TBL_IN_USE (read-only opens share the lock with each other).
 //
 // The virtual operations are declared in their fixed slot order; derived
 // tables (WzScanDB) override initialize, registerTable, getTableType and
-// createHugeFile. See TableStatus.h for the status codes, TKeyType.h for key
-// types and TFieldType.h for field types.
+// createHugeFile. The base initialize(name) sets the table's path for a schema
+// already defined. See TableStatus.h for the status codes.
 #pragma once
 
 #include <cstddef>
@@ -36,7 +97,7 @@
 
 namespace WZIndexing {
 enum TAccessEnum : int {
-  kAccessCreate = 0,     // (create() is used instead; open() refuses it)
+  kAccessCreate = 0,     // (create() is used instead; open() answers TBL_BAD_ARGUMENT)
   kAccessReadWrite = 1,  // open existing files for reading and writing
   kAccessReadOnly = 2,   // open existing files for reading only
 };
@@ -62,12 +123,17 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   virtual int registerTable();
   virtual const char* getTableType();
   virtual int open(WZIndexing::TAccessEnum mode);
+  // Read the record with that record number: its first min(length,
+  // recordSize) bytes, or of its fixed part only.
   virtual int readByOffset(void* buffer, int recordNumber, int length);
   virtual int readFixedByOffset(void* buffer, int recordNumber, int length);
   virtual int firstInSet(int index, void* key, void* buffer, int prefixLength);
   virtual int lastInSet(int index, void* key, void* buffer, int prefixLength);
   virtual int nextInSet(int index, void* buffer);
   virtual int previousInSet(int index, void* buffer);
+  // Keyed reads take a full key (the index's key length) built by
+  // fillKeySegment/finishKey. On an index with duplicates, getRecord and
+  // getGTERecord return the first duplicate, getLTERecord the last.
   virtual int getGTERecord(int index, void* key, void* buffer);
   virtual int getGTRecord(int index, void* key, void* buffer);
   virtual int getLTERecord(int index, void* key, void* buffer);
@@ -77,15 +143,21 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   virtual int previousRecord(int index, void* buffer);
   virtual int firstRecord(int index, void* buffer);
   virtual int lastRecord(int index, void* buffer);
+  // Interactive utilities: this engine has none (TBL_NOT_SUPPORTED).
   virtual int shellUtilities();
   virtual int internalInitialize(const char* name, unsigned int variableLength,
                                  unsigned int numFields, unsigned int numIndices,
                                  unsigned int numSegments, unsigned int recordSize,
                                  unsigned int fixedRecordSize);
+  // Interactive viewer and editor hooks: not supported (TBL_NOT_SUPPORTED).
   virtual int alternateViewer(short mode, void* buffer);
   virtual int alternateEditor(short mode, void* buffer, int length);
+  // True: no cap on the file size; false (the base): each file stops at 4 GiB.
   virtual bool createHugeFile();
+  // Map growth step, in MiB (the base: 32).
   virtual int hugeFileIncr();
+  // File version conversion hooks: the files carry their own format version,
+  // so these answer TBL_NOT_SUPPORTED.
   virtual int adjustTableVersion(const char* name, int& version);
   virtual int processIndexVersionExternal(int& version);
   virtual int processTableVersionExternal(int& version);
@@ -124,6 +196,12 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   int deleteRecord();
 
   // ---- keys --------------------------------------------------------------
+  // fillKeySegment appends segment `segment` (0-based within `index`) of the
+  // key, taken from `data` (the field's first byte), and advances the cursor;
+  // finishKey pads the key with zeros to the index's key length (segments not
+  // given read as zeros: the smallest key with that prefix). mode must be 0.
+  // A null pointer, an unknown index or segment, or too little room:
+  // TBL_BAD_ARGUMENT, with nothing written.
   int fillKeySegment(char** cursor, int* remaining, const void* data, int mode, int index,
                      int segment);
   int finishKey(char** cursor, int* remaining, int index, int mode);
@@ -131,10 +209,13 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   // ---- index maintenance -----------------------------------------------------
   // Returns -1 on failure, any other value on success.
   int suspendIndexing();
+  // 0, or TBL_DUPLICATE_KEY (a unique index meets a duplicate: indexing stays
+  // suspended, no record is touched) or a file status.
   int resumeIndexingAndRebuild();
   // Checks that every index entry leads to a record whose key matches and that
   // every record is in every index. TBL_OK or TBL_BAD_FORMAT, with a text
-  // describing the first problem in *report when given.
+  // describing the first problem in *report when given; TBL_INDEX_SUSPENDED
+  // while indexing is suspended.
   int checkConsistency(std::string* report = nullptr);
 
   // Record number of the current record (numbers start at 1, are handed out

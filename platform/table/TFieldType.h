@@ -9,7 +9,9 @@
 //                          key big-endian, so keys sort by value.
 //   kFieldUInt64   (239)  unsigned 8-byte little-endian integer: big-endian in
 //                          the key.
-// Integers are never case-folded. Any other code is refused at registration.
+// A segment takes its field's first segmentSize bytes; integer segments take
+// the whole field. Integers are never case-folded (inodes 0x41 and 0x61 stay
+// two keys). Any other code is refused at registration (TBL_BAD_SCHEMA).
 #pragma once
 
 enum TFieldType : short {
