@@ -8,14 +8,19 @@
 //  WZMoveFileEx(from, to, flags) renames `from` to `to`. Flag kMoveReplaceExisting
 //                                (1) replaces an existing destination; without it
 //                                an existing destination is an error (EEXIST).
-//                                Across file systems the file is copied, synced
-//                                and the source unlinked.
+//                                Across file systems a regular file is copied
+//                                (keeping its permissions and times) under a
+//                                temporary name beside `to`, synced, renamed
+//                                into place, and the source unlinked.
 //  WZCopyFile(from, to, flags)   copies a regular file's content to a new file.
 //                                Flag 0 fails with EEXIST if `to` exists (a link
 //                                included); kCopyReplaceExisting (1) replaces it.
 //                                The copy is made in the kernel where it can
 //                                (copy_file_range), fsync'ed, and created with
-//                                owner-only permissions (0600).
+//                                owner-only permissions (0600). With flag 1 the
+//                                copy is built under a temporary name and
+//                                renamed over `to`, so `to` is never partial.
+//                                A failed copy removes what it created.
 #pragma once
 
 #include <sys/stat.h>

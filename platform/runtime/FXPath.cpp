@@ -1,18 +1,5 @@
-// FXPath: path text helpers.
-//
-// SplitParentPath rules, beyond those in FXPath.h:
-//   ""        -> "", ""          empty text has no parts
-//   "a"       -> "", "a"         a relative name has an empty parent
-//   "a/b"     -> "a", "b"
-//   "/a//b"   -> "/a", "b"       runs of delimiters count as one at the split
-//   "//a//b"  -> "//a", "b"      (leading delimiters of the parent are kept)
-//   "//a"     -> "/", "a"        a parent made only of delimiters is the root
-//   "//"      -> "", ""          only delimiters: the root, like "/"
-// AppendTrailingDelimiter turns "" into "/".
-// Append drops trailing delimiters of `path` and leading ones of `tail` and
-// joins what is left with one delimiter: "/x/" + "a/b" -> "/x/a/b",
-// "/" + "a" -> "/a". An empty path gives the tail unchanged, an empty tail
-// leaves the path unchanged.
+// FXPath: path text helpers. The rules for odd inputs (relative paths, runs
+// of delimiters, empty texts) are listed in FXPath.h.
 #include "runtime/FXPath.h"
 
 #include <cerrno>

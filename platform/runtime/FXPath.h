@@ -4,11 +4,16 @@
 // SplitParentPath(path, parent, name): splits off the last component.
 //   "/a/b" -> "/a", "b"      "/a" -> "/", "a"      "/" -> "", ""
 //   A trailing delimiter is ignored: "/y/a/" -> "/y", "a".
-//   (The full rules for relative paths and repeated delimiters are in
-//   FXPath.cpp's header comment and its tests.)
-// AppendTrailingDelimiter(path): appends '/' unless path already ends in '/'.
+//   Relative paths: "a" -> "", "a"; "a/b" -> "a", "b". The empty text gives
+//   "", "". Runs of delimiters count as one at the split point and trailing
+//   ones are dropped from the parent: "/a//b" -> "/a", "b"; "//a//b" ->
+//   "//a", "b"; "//a" -> "/", "a". `path` may be the same object as an output.
+// AppendTrailingDelimiter(path): appends '/' unless path already ends in '/';
+//   the empty text becomes "/".
 // Append(path, tail, flags): joins `tail` to `path` with exactly one
-//   delimiter between them; flags 0 is the only value used.
+//   delimiter between them ("/x/" + "a/b" -> "/x/a/b"); an empty path gives
+//   `tail`, an empty tail leaves `path` as it is. flags 0 is the only value;
+//   any other is an EINVAL error.
 // Each returns success; an error only for arguments it cannot handle.
 #pragma once
 

@@ -2,8 +2,10 @@
 //
 // Settings live in one INI-style file whose path is the environment variable
 // WZ_SETTINGS_FILE (no variable: no settings). Sections are "[name]" lines,
-// values "key = value" lines. The file is read on every call, so a changed
-// file takes effect at the next read.
+// values "key = value" lines; lines starting with ';' or '#' are comments.
+// Section and key names compare without regard to ASCII case, and the last
+// of repeated keys wins. The file is read on every call, so a changed file
+// takes effect at the next read. Thread-safe.
 //
 // getRegInt stores the value in *value and returns true when the file, the
 // section and the name exist and the value is a whole number in int range.

@@ -2,8 +2,9 @@
 //
 // Start() runs `function(argument)` on a new thread. `keepAlive`, when given,
 // is held by the thread until the function returns, so the argument it owns
-// outlives the thread even if everyone else lets it go. Join() waits for the
-// function and returns its result. Destroying a WzThread that was started and
+// outlives the thread even if everyone else lets it go; the thread lets it
+// go before Join() returns. Join() waits for the function and returns its
+// result. Destroying a WzThread that was started and
 // not joined detaches the thread, which then runs to its end on its own.
 #pragma once
 
