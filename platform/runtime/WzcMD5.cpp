@@ -11,8 +11,19 @@ struct WzcMD5::Impl {
 };
 
 namespace {
+// The MD5 implementation, fetched once: with OpenSSL 3 an init from EVP_md5()
+// looks the provider's implementation up again on every call, which costs as
+// much as hashing a path. Never freed (hashers may run during process exit).
+const EVP_MD* Md5() {
+  static const EVP_MD* const md = [] {
+    const EVP_MD* fetched = EVP_MD_fetch(nullptr, "MD5", nullptr);
+    return fetched ? fetched : EVP_md5();
+  }();
+  return md;
+}
+
 void Init(EVP_MD_CTX* context) {
-  if (EVP_DigestInit_ex(context, EVP_md5(), nullptr) != 1)
+  if (EVP_DigestInit_ex(context, Md5(), nullptr) != 1)
     throw WzException("MD5: cannot initialise the digest");
 }
 }  // namespace
