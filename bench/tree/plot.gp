@@ -19,6 +19,15 @@ set grid xtics ytics mxtics mytics
 set xrange [5000:2000000]
 set xtics ("10k" 10000, "100k" 100000, "1M" 1000000)
 
+# Targets: the walk at least 1M items/s, building at least 100k entries/s,
+# validateTree of 1M entries within 15 s (about 66.7k entries/s).
+set arrow from 5000,1e6 to 2000000,1e6 nohead dt 2 lc rgb "#009e73"
+set label "walk target" at 5500,1.12e6 tc rgb "#009e73"
+set arrow from 5000,1e5 to 2000000,1e5 nohead dt 2 lc rgb "#9400d3"
+set label "build target" at 5500,1.12e5 tc rgb "#9400d3"
+set arrow from 5000,66667 to 2000000,66667 nohead dt 2 lc rgb "#e69f00"
+set label "validate target" at 5500,59000 tc rgb "#e69f00"
+
 # Columns 2 to 8 are the phases (build, walk, children, validate, updated,
 # rename, remove); the last column is the peak memory and is not plotted.
 plot for [c=2:8] datafile using 1:c with linespoints lw 2 pt 7 ps 1.2
