@@ -1,15 +1,20 @@
 // Tree benchmark: generates a file-system-like tree of generic records and
 // times the tree operations on it, one phase after the other:
 //   build     addFolder/addFile of every entry
+//   scan      baseline: the engine's firstRecord/nextRecord over the table
 //   walk      getFirstItem/getNextItem over the whole tree
 //   children  getChildren of every folder
 //   validate  validateTree of the whole table
 //   updated   getUpdatedRecords of the last tenth added (read of the table)
 //   rename    renameFolder of folders holding a tenth of the entries
 //   remove    removeFolder of folders holding another tenth
+//   raw-add   baseline: addRecordWithoutCheck of as many records into a
+//             second database
 // For each phase it prints the entries handled per second and the peak
 // resident memory of the phase (VmHWM, reset before each phase), and appends
-// one row of throughputs to a CSV file for plotting.
+// one row of throughputs to a CSV file for plotting, then the ratio of each
+// operation to its baseline (reads to scan, writes to raw-add): the ratios
+// hold when the machine is shared, the absolute rates do not.
 //
 //   tree_bench --entries 1000000 [--dir /tmp] [--csv results.csv] [--seed 42]
 #include <sys/stat.h>
@@ -120,7 +125,8 @@ class Phase {
     PhaseResult result{name_, items, seconds, rssBefore_, ReadStatusKb("VmHWM:")};
     std::printf("%-9s %9zu entries %9.3f s %12.0f entries/s   peak RSS %7.1f MB (+%.1f MB)\n",
                 result.name, result.items, result.seconds, result.rate(),
-                result.peakKb / 1024.0, (result.peakKb - result.rssBeforeKb) / 1024.0);
+                result.peakKb / 1024.0,
+                std::max(0L, result.peakKb - result.rssBeforeKb) / 1024.0);
     std::fflush(stdout);
     return result;
   }
@@ -241,6 +247,17 @@ int main(int argc, char** argv) {
     db->setRefTime(kScanTime);
 
     {
+      // Baseline for the reads: the engine's own walk over every record.
+      Phase scan("scan");
+      WzScanDBRecordBasePtr probe = root->Clone();
+      size_t scanned = 0;
+      for (int status = db->firstRecord(-1, probe->getStructure()); status == 0;
+           status = db->nextRecord(-1, probe->getStructure()))
+        ++scanned;
+      results.push_back(scan.Finish(scanned));
+    }
+
+    {
       Phase walk("walk");
       WzScanDBRecordBasePtr item;
       std::string path;
@@ -307,8 +324,38 @@ int main(int argc, char** argv) {
     }
     Check(db->close(), "close");
   }
+  {
+    // Baseline for the writes: the same number of records of the same type,
+    // added with addRecordWithoutCheck (no lookup) to a second database.
+    const std::string rawDir = dbDir + "/raw";
+    std::filesystem::create_directory(rawDir);
+    auto raw = boost::make_shared<WzScanDB>(boost::make_shared<WzScanDBRecord>());
+    Check(raw->initialize(rawDir), "initialize(raw)");
+    std::mt19937 rng(options.seed + 1);
+    Phase rawAdd("raw-add");
+    for (size_t i = 0; i < n; ++i) {
+      const std::string folder = "/raw-" + std::to_string(i / 20);
+      auto record = boost::make_shared<WzScanDBRecord>(Join(folder, MakeName(rng, i, false)),
+                                                       false, 0);
+      Check(raw->addRecordWithoutCheck(record), "addRecordWithoutCheck");
+    }
+    results.push_back(rawAdd.Finish(n));
+    Check(raw->close(), "close(raw)");
+  }
   std::error_code ignored;
   std::filesystem::remove_all(dbDir, ignored);
+
+  // Ratios against the baselines of this run, which share the machine's load.
+  auto rateOf = [&](const char* name) {
+    for (const PhaseResult& r : results)
+      if (std::strcmp(r.name, name) == 0) return r.rate();
+    return 0.0;
+  };
+  std::printf("ratios against this run's baselines (engine scan, engine add without lookup):\n");
+  for (const char* name : {"walk", "children", "validate", "updated"})
+    std::printf("  %-9s %.3f x scan\n", name, rateOf(name) / rateOf("scan"));
+  for (const char* name : {"build", "rename", "remove"})
+    std::printf("  %-9s %.3f x raw-add\n", name, rateOf(name) / rateOf("raw-add"));
 
   if (!options.csv.empty()) {
     const bool fresh = !std::filesystem::exists(options.csv);

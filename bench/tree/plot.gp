@@ -7,7 +7,7 @@ if (!exists("outfile")) outfile = 'tree_bench.png'
 set terminal pngcairo size 1100,700 font ",11"
 set output outfile
 set datafile separator ","
-set key autotitle columnhead outside right top
+set key outside right top
 set title "WzScanDB tree operations: throughput against tree size"
 set xlabel "entries in the tree"
 set ylabel "entries handled per second"
@@ -28,6 +28,13 @@ set label "build target" at 5500,1.12e5 tc rgb "#9400d3"
 set arrow from 5000,66667 to 2000000,66667 nohead dt 2 lc rgb "#e69f00"
 set label "validate target" at 5500,59000 tc rgb "#e69f00"
 
-# Columns 2 to 8 are the phases (build, walk, children, validate, updated,
-# rename, remove); the last column is the peak memory and is not plotted.
-plot for [c=2:8] datafile using 1:c with linespoints lw 2 pt 7 ps 1.2
+# Columns 2 to 10: build, scan, walk, children, validate, updated, rename,
+# remove, raw-add; the last column is the peak memory and is not plotted.
+# The two baselines (scan, raw-add: the engine alone) are drawn dotted, in grey.
+phases = "2 4 5 6 7 8 9"
+plot for [w in phases] datafile using 1:int(w) with linespoints lw 2 pt 7 ps 1.2 \
+         title columnhead(int(w)), \
+     datafile using 1:3 with linespoints lw 1 dt 3 lc rgb "#555555" pt 6 ps 1.2 \
+         title "scan (baseline)", \
+     datafile using 1:10 with linespoints lw 1 dt 3 lc rgb "#555555" pt 4 ps 1.2 \
+         title "raw-add (baseline)"
