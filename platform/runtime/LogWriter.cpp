@@ -2,6 +2,7 @@
 #include "runtime/LogWriter.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -16,12 +17,17 @@
 
 namespace {
 
-const FXCodeLocation kSetFileLocation("runtime/LogWriter",
-                                      "CKoError CLogWriter::SetFile(const std::string&)", __LINE__);
+// The kernel's id of the calling thread, cached per thread. A forked child
+// is a new process whose one thread has a new id: the cache is cleared there.
+thread_local unsigned long t_threadId = 0;
+
+void ForgetThreadIdInChild() { t_threadId = 0; }
 
 unsigned long CurrentThreadId() noexcept {
-  thread_local unsigned long id = static_cast<unsigned long>(syscall(SYS_gettid));
-  return id;
+  static const bool registered = pthread_atfork(nullptr, nullptr, &ForgetThreadIdInChild) == 0;
+  (void)registered;
+  if (t_threadId == 0) t_threadId = static_cast<unsigned long>(syscall(SYS_gettid));
+  return t_threadId;
 }
 
 // Writes all of `text` to `fd`; a failing destination loses the line.
@@ -88,6 +94,8 @@ void CLogWriter::Write(int level, const char* function, int line, const char* fo
 void CLogWriter::WriteV(int level, const char* function, int line, const char* format,
                         va_list args) {
   if (!IsEnabled(level)) return;
+  // Callers often log a failure and then read errno; writing must not change it.
+  const int savedErrno = errno;
   CLogEntry entry{level, function ? function : "", line, FXString::FormatV(format, args),
                   CurrentThreadId()};
 
@@ -105,17 +113,22 @@ void CLogWriter::WriteV(int level, const char* function, int line, const char* f
     if (impl_->fd >= 0) WriteAll(impl_->fd, text.data(), text.size());
     sinks = impl_->sinks;
   }
-  if (!sinks) return;
-  for (const auto& weak : *sinks) {
-    if (auto sink = weak.lock()) sink->Write(entry);
+  if (sinks) {
+    for (const auto& weak : *sinks) {
+      if (auto sink = weak.lock()) sink->Write(entry);
+    }
   }
+  errno = savedErrno;
 }
 
 CKoError CLogWriter::SetFile(const std::string& path) {
   int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd < 0) {
     int error = errno;
-    return FXErrorUtil::ErrorErrNo(kSetFileLocation, error, "Cannot open log file \"%s\": %s",
+    return FXErrorUtil::ErrorErrNo(
+        FXCodeLocation("runtime/LogWriter", "CKoError CLogWriter::SetFile(const std::string&)",
+                       __LINE__),
+        error, "Cannot open log file \"%s\": %s",
                                    path.c_str(), CKoError::CodeText(EKoErrorKind::kErrNo, error).c_str());
   }
   std::lock_guard<std::mutex> lock(impl_->mutex);

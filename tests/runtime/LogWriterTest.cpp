@@ -3,8 +3,10 @@
 // and the settings file, and the trace helpers that write through it.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -256,6 +258,42 @@ TEST_F(LogWriterTest, NewWriterWarnsAboutBadSettingsThroughItself) {
   CLogWriter fallback;  // keeps standard error, takes the level
   EXPECT_EQ(fallback.GetLevel(), 2);
   capture->Remove();
+}
+
+// A sink that fails the way a system call does, leaving errno changed.
+class ErrnoClobberingSink : public CLogSink {
+ public:
+  void Write(const CLogEntry&) override { errno = EBADF; }
+};
+
+TEST_F(LogWriterTest, WritingKeepsErrnoAndForkedChildReportsItsOwnThreadId) {
+  auto sink = std::make_shared<ErrnoClobberingSink>();
+  g_ptrLogWriter->AddSink(sink);
+  errno = EACCES;
+  WZ_LOG(0, "void f()", 1, "open failed");
+  EXPECT_EQ(errno, EACCES);
+  g_ptrLogWriter->RemoveSink(sink);
+
+  TempDir dir;
+  ASSERT_TRUE(g_ptrLogWriter->SetFile(dir / "fork.log").IsSuccess());
+  WZ_LOG(0, "void f()", 2, "parent");  // caches the parent's thread id
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    WZ_LOG(0, "void f()", 3, "child");
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  g_ptrLogWriter->SetNone();
+  auto lines = ReadLines(dir / "fork.log");
+  ASSERT_EQ(lines.size(), 2u);
+  ParsedLogLine parent, inChild;
+  ASSERT_TRUE(ParseLogLine(lines[0], &parent));
+  ASSERT_TRUE(ParseLogLine(lines[1], &inChild));
+  EXPECT_EQ(parent.threadId, static_cast<unsigned long>(syscall(SYS_gettid)));
+  EXPECT_EQ(inChild.message, "child");
+  EXPECT_EQ(inChild.threadId, static_cast<unsigned long>(child));
 }
 
 }  // namespace
