@@ -202,6 +202,10 @@ CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
 // pendingRecords/pendingPaths between calls and ends a batch only after a
 // whole folder has been processed, once it holds more than maxItems records;
 // the unbatched walks use local queues and leave a batched walk undisturbed.
+// A marking walk writes a record back only when its visited bit changes: a
+// record that already carries the wanted bit would be rewritten byte for
+// byte, so the write is skipped and a walk over an unmarked tree stays a
+// read.
 CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr start,
                                std::vector<WzScanDBRecordBasePtr>& records,
                                std::vector<std::string>* paths, bool validate, int maxItems,
@@ -237,8 +241,9 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
       prefixes.push_back(std::string());
     }
 
-    if (walk.marks) {
-      rootCopy->setFlags(withVisited(rootCopy->getFlags(), validate));
+    const int flags = rootCopy->getFlags();
+    if (walk.marks && withVisited(flags, validate) != flags) {
+      rootCopy->setFlags(withVisited(flags, validate));
       err = updateDBRecord(rootCopy);
       if (err.IsError()) {
         if (validate) {
@@ -285,10 +290,12 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
         }
       }
       records.push_back(child);
-      if (walk.marks) child->setFlags(withVisited(child->getFlags(), validate));
+      const int flags = child->getFlags();
+      const bool changed = walk.marks && withVisited(flags, validate) != flags;
+      if (changed) child->setFlags(withVisited(flags, validate));
       if (paths) paths->push_back(std::move(path));
 
-      if (walk.marks) {
+      if (changed) {
         err = updateDBRecord(child);
         if (err.IsError()) {
           return err.Push(location(walk.childWriteFailedLine), walk.childWriteFailedText,
