@@ -358,6 +358,41 @@ TEST_F(ToolTest, RecordCommandsShowWhatTheLibraryMakesOfAPath) {
   ExpectFailure(Run({"fid", tree_}), 4, "not on a Lustre file system");
 }
 
+// Lustre records are keyed by FID, which survives a rename: a renamed folder
+// is the same record under a new name, and its contents stay where they are.
+TEST_F(ToolTest, LustreScanFollowsFidsThroughRenames) {
+  MakeScratchTree();
+  auto lustre = [this](std::vector<std::string> args) {
+    args.insert(args.begin(), "--simulate-lustre-fids");
+    args.insert(args.end(), {"--type", "lustre"});
+    return Run(args);
+  };
+  ToolResult first = lustre({"scan", tree_, "--db", db_, "--ref-time", "8000"});
+  ASSERT_EQ(0, first.status) << first.err;
+  EXPECT_EQ(9, ParseScan(first).summary["new"]);
+  EXPECT_EQ(0, lustre({"validate", db_}).status);
+
+  ASSERT_EQ(0, ::rename(T("b").c_str(), T("b2").c_str()));
+  ASSERT_EQ(0, ::unlink(T("a/f2.txt").c_str()));
+  ToolResult second = lustre({"scan", tree_, "--db", db_, "--ref-time", "8001"});
+  ASSERT_EQ(0, second.status) << second.err;
+  ScanReport report = ParseScan(second);
+  EXPECT_TRUE(report.added.empty());
+  EXPECT_EQ((Paths{T(""), T("a"), T("b2")}), report.changed);
+  EXPECT_EQ((Paths{T("a/f2.txt")}), report.removed);
+
+  ToolResult validate = lustre({"validate", db_});
+  EXPECT_EQ(0, validate.status) << validate.out;
+  ToolResult walk = lustre({"walk", db_, tree_});
+  ASSERT_EQ(0, walk.status) << walk.err;
+  EXPECT_EQ((std::vector<std::string>{"a/", "b2/", "keep.txt", "link", "a/f1.txt", "b2/c/",
+                                      "b2/c/g.txt"}),
+            walk.OutLines());
+  EXPECT_EQ(T("b2/c/g.txt") + "\n", lustre({"path", db_, T("b2/c/g.txt")}).out);
+  ExpectFailure(Run({"ls", db_}), 3, "is not a generic scan database");
+  ExpectFailure(lustre({"csv", db_}), 2, "no CSV form");
+}
+
 TEST_F(ToolTest, UnreadableDirectoryIsReportedAndItsRecordsKept) {
   if (::geteuid() == 0) GTEST_SKIP() << "permissions do not stop root";
   MakeScratchTree();

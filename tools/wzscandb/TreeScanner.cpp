@@ -91,11 +91,13 @@ void TreeScanner::AddRootAndAncestors(const std::string& dir) {
     Add(root, true, "/");
   }
 
-  std::string ancestor;
-  size_t next = 1;
-  while ((next = dir.find('/', next)) != std::string::npos) {
-    ancestor = dir.substr(0, next);
-    ++next;
+  // "/" first: for generic records it is the root itself; a Lustre "/" has a
+  // FID only when "/" is on Lustre.
+  std::vector<std::string> ancestors{"/"};
+  for (size_t next = 1; (next = dir.find('/', next)) != std::string::npos; ++next)
+    ancestors.push_back(dir.substr(0, next));
+  for (const std::string& ancestor : ancestors) {
+    if (ancestor == dir) break;
     if (::lstat(ancestor.c_str(), &st) != 0)
       throw ToolError(kExitFailed, "cannot read the status of " + ancestor + ": " + std::strerror(errno));
     WzScanDBRecordBasePtr record = MakeEntryRecord(type_, ancestor, true, db_.getRefTime());

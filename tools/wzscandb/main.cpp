@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "LogOptions.h"
+#include "SimulatedFids.h"
 #include "ToolError.h"
 
 namespace {
@@ -38,15 +39,21 @@ std::string UnknownSubcommand(const CLI::App& app, int argc, char** argv) {
 }  // namespace
 
 void AddTypeOption(CLI::App* command, RecordType& type, const std::vector<RecordType>& allowed) {
-  std::map<std::string, RecordType> names;
+  std::vector<std::string> names;
   std::string list;
   for (RecordType each : allowed) {
-    names[RecordTypeName(each)] = each;
-    list += (list.empty() ? "" : "|") + std::string(RecordTypeName(each));
+    names.push_back(RecordTypeName(each));
+    list += (list.empty() ? "" : "|") + names.back();
   }
-  command->add_option("--type", type, "Record type of the database: " + list + " (default " +
-                                          RecordTypeName(type) + ")")
-      ->transform(CLI::CheckedTransformer(names, CLI::ignore_case))
+  command
+      ->add_option_function<std::string>(
+          "--type",
+          [&type, allowed](const std::string& name) {
+            for (RecordType each : allowed)
+              if (name == RecordTypeName(each)) type = each;
+          },
+          "Record type of the database: " + list + " (default " + RecordTypeName(type) + ")")
+      ->check(CLI::IsMember(names))
       ->type_name("TYPE");
 }
 
@@ -57,6 +64,10 @@ int main(int argc, char** argv) {
   app.footer(kFooter);
   LogOptions logOptions;
   logOptions.AddTo(app);
+  bool simulateFids = false;
+  app.add_flag("--simulate-lustre-fids", simulateFids,
+               "Stand in for the Lustre client: give every entry a FID made from its device and "
+               "inode number (to try lustre databases on other file systems)");
 
   CommandTable table;
   AddRecordCommands(app, table);
@@ -79,6 +90,7 @@ int main(int argc, char** argv) {
 
   try {
     logOptions.Apply();
+    if (simulateFids) InstallSimulatedFids();
     const CLI::App* chosen = app.get_subcommands().front();
     int status = table.at(chosen)();
     std::cout.flush();
