@@ -1,11 +1,13 @@
 // File helpers: content copied exactly, destinations never followed or
 // half-written, failures reported with errno and the paths.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <csignal>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -115,6 +117,31 @@ TEST(FXFileTest, CopyFailuresLeaveNothingBehind) {
   // Replacing a directory with a file fails, and the temporary copy goes.
   EXPECT_EQ(FXFile::WZCopyFile(dir / "src", dir / "folder", 1).GetCode(), EISDIR);
   EXPECT_EQ(CountEntries(dir.path()), 2);
+}
+
+TEST(FXFileTest, CopyThatFailsMidwayRemovesThePartialDestination) {
+  TempDir dir;
+  WriteFile(dir / "big", RandomContent(2 * 1024 * 1024));
+  // A file size limit makes the copy fail with EFBIG after the destination
+  // was created and partly written.
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  struct rlimit limited = saved;
+  limited.rlim_cur = 512 * 1024;
+  auto savedSignal = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+  CKoError fresh = FXFile::WZCopyFile(dir / "big", dir / "copy", 0);
+  CKoError replacing = FXFile::WZCopyFile(dir / "big", dir / "big", 1);
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, savedSignal);
+
+  EXPECT_EQ(fresh.GetCode(), EFBIG);
+  EXPECT_EQ(replacing.GetCode(), EFBIG);
+  EXPECT_FALSE(FXFile::Exists(dir / "copy"));
+  EXPECT_EQ(CountEntries(dir.path()), 1);  // no temporary left either
+  struct stat st;
+  ASSERT_EQ(stat((dir / "big").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 2 * 1024 * 1024);
 }
 
 TEST(FXFileTest, MoveRenamesOrRefusesAndRemoveUnlinks) {
