@@ -141,7 +141,7 @@ int LmdbFile::openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap) {
   mapSize_ = static_cast<size_t>(mapSize);
   mdb_env_set_maxdbs(env_, maxDbs);
   mdb_env_set_mapsize(env_, mapSize_);
-  unsigned flags = MDB_NOSUBDIR | MDB_NOLOCK | MDB_NORDAHEAD;
+  unsigned flags = MDB_NOSUBDIR | MDB_NOLOCK;
   flags |= readOnly_ ? MDB_RDONLY : (MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC);
   const std::string procPath = "/proc/self/fd/" + std::to_string(fd_);
   rc = mdb_env_open(env_, procPath.c_str(), flags, 0600);

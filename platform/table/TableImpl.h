@@ -38,11 +38,20 @@ struct TCtreeTable::Impl {
   bool suspended = false;   // indexing suspended (recorded in the index file)
   bool indexStale = false;  // indexes behind the data and not rebuilt yet
 
-  // Cached read transactions and cursors, reset between operations.
+  // Cached read transactions and cursors. Reads leave them active, so that
+  // a run of reads (a walk) shares one snapshot and keeps its cursor where it
+  // is; every write ends them first (endRead), as LMDB without a lock table
+  // must never see a read transaction alive across a write.
   MDB_txn* dataRead = nullptr;
   MDB_txn* indexRead = nullptr;
+  bool dataActive = false;
+  bool indexActive = false;
   MDB_cursor* recordCursor = nullptr;
   std::vector<MDB_cursor*> indexCursor;
+  // The cursor of index `positionedIndex` (-1: records) sits on the current
+  // record's entry, so next/previous can step without a seek.
+  bool positioned = false;
+  int positionedIndex = 0;
 
   // ---- current record and set ----
   struct Current {
@@ -86,6 +95,7 @@ struct TCtreeTable::Impl {
   int write(wztable::LmdbFile& file, Body body);
 
   int beginRead(bool needData, bool needIndex);
+  // Ends the read transactions (before a write, a map growth or a close).
   void endRead();
   // Ends the read transactions of one operation on every path.
   struct ReadScope {
@@ -126,6 +136,7 @@ struct TCtreeTable::Impl {
 
 template <typename Body>
 int TCtreeTable::Impl::write(wztable::LmdbFile& file, Body body) {
+  endRead();
   for (;;) {
     MDB_txn* txn = nullptr;
     int rc = mdb_txn_begin(file.env(), nullptr, 0, &txn);

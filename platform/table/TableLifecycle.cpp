@@ -90,17 +90,21 @@ void TCtreeTable::Impl::dropReadState() {
   if (dataRead) mdb_txn_abort(dataRead);
   if (indexRead) mdb_txn_abort(indexRead);
   dataRead = indexRead = nullptr;
+  dataActive = indexActive = false;
+  positioned = false;
 }
 
 int TCtreeTable::Impl::beginRead(bool needData, bool needIndex) {
   int rc = MDB_SUCCESS;
-  if (needData) {
+  if (needData && !dataActive) {
     rc = dataRead ? mdb_txn_renew(dataRead)
                   : mdb_txn_begin(data.env(), nullptr, MDB_RDONLY, &dataRead);
     if (rc != MDB_SUCCESS) {
+      if (dataRead) mdb_txn_abort(dataRead);
       dataRead = nullptr;
       return statusFromMdb(rc);
     }
+    dataActive = true;
     rc = recordCursor ? mdb_cursor_renew(dataRead, recordCursor)
                       : mdb_cursor_open(dataRead, records, &recordCursor);
     if (rc != MDB_SUCCESS) {
@@ -108,14 +112,16 @@ int TCtreeTable::Impl::beginRead(bool needData, bool needIndex) {
       return statusFromMdb(rc);
     }
   }
-  if (needIndex) {
+  if (needIndex && !indexActive) {
     rc = indexRead ? mdb_txn_renew(indexRead)
                    : mdb_txn_begin(index.env(), nullptr, MDB_RDONLY, &indexRead);
     if (rc != MDB_SUCCESS) {
+      if (indexRead) mdb_txn_abort(indexRead);
       indexRead = nullptr;
       endRead();
       return statusFromMdb(rc);
     }
+    indexActive = true;
     indexCursor.resize(indexDbi.size(), nullptr);
     for (size_t i = 0; i < indexDbi.size() && rc == MDB_SUCCESS; ++i)
       rc = indexCursor[i] ? mdb_cursor_renew(indexRead, indexCursor[i])
@@ -130,8 +136,10 @@ int TCtreeTable::Impl::beginRead(bool needData, bool needIndex) {
 
 void TCtreeTable::Impl::endRead() {
   // A reset transaction is inactive: writes and map growth may follow.
-  if (dataRead) mdb_txn_reset(dataRead);
-  if (indexRead) mdb_txn_reset(indexRead);
+  if (dataActive) mdb_txn_reset(dataRead);
+  if (indexActive) mdb_txn_reset(indexRead);
+  dataActive = indexActive = false;
+  positioned = false;
 }
 
 int TCtreeTable::Impl::setIndexState(uint64_t dataTxnId, bool suspendedFlag) {

@@ -59,6 +59,7 @@ void TCtreeTable::Impl::setCurrent(int idx, const MDB_val& key, uint64_t recno) 
 }
 
 int TCtreeTable::Impl::finishRead(int idx, int rc, MDB_val* key, MDB_val* value, void* buffer) {
+  positioned = false;
   if (rc != MDB_SUCCESS) return statusFromMdb(rc);
   uint64_t recno;
   if (idx < 0) {
@@ -71,6 +72,10 @@ int TCtreeTable::Impl::finishRead(int idx, int rc, MDB_val* key, MDB_val* value,
     if (status != TBL_OK) return status;
   }
   setCurrent(idx, *key, recno);
+  if (!bypass) {
+    positioned = true;
+    positionedIndex = idx;
+  }
   return TBL_OK;
 }
 
@@ -140,11 +145,12 @@ int TCtreeTable::Impl::step(int idx, void* buffer, bool forward, bool inSetMode)
   if (inSetMode && (!set.active || set.index != idx)) return TBL_NO_CURRENT;
   status = beginRead(true, idx >= 0);
   if (status != TBL_OK) return status;
-  ReadScope scope{*this};
-  Seek where;
+  Seek where = Seek::kAt;
   MDB_val k, v;
-  status = positionFromCurrent(idx, &where, &k, &v);
-  if (status != TBL_OK) return status;
+  if (!positioned || positionedIndex != idx) {
+    status = positionFromCurrent(idx, &where, &k, &v);
+    if (status != TBL_OK) return status;
+  }
   MDB_cursor* cursor = idx < 0 ? recordCursor : indexCursor[idx];
   int rc;
   if (forward) {
@@ -166,7 +172,6 @@ int TCtreeTable::Impl::keyedRead(int idx, const void* key, void* buffer, int mod
   const size_t length = storedKeyLength(ix, search, static_cast<size_t>(ix.keyLength));
   status = beginRead(true, true);
   if (status != TBL_OK) return status;
-  ReadScope scope{*this};
   MDB_cursor* cursor = indexCursor[idx];
   MDB_val k{length, const_cast<uint8_t*>(search)}, v;
   int rc;
@@ -207,7 +212,6 @@ int TCtreeTable::Impl::edgeRead(int idx, void* buffer, bool first) {
   if (!buffer) return TBL_BAD_ARGUMENT;
   status = beginRead(true, idx >= 0);
   if (status != TBL_OK) return status;
-  ReadScope scope{*this};
   MDB_cursor* cursor = idx < 0 ? recordCursor : indexCursor[idx];
   MDB_val k, v;
   int rc = mdb_cursor_get(cursor, &k, &v, first ? MDB_FIRST : MDB_LAST);
@@ -238,7 +242,6 @@ int TCtreeTable::Impl::setRead(int idx, const void* key, void* buffer, int prefi
 
   status = beginRead(true, true);
   if (status != TBL_OK) return status;
-  ReadScope scope{*this};
   MDB_cursor* cursor = indexCursor[idx];
   MDB_val k, v;
   int rc;
@@ -275,13 +278,13 @@ int TCtreeTable::Impl::readByNumber(void* buffer, int recordNumber, int length, 
   if (!buffer || length <= 0 || recordNumber <= 0) return TBL_BAD_ARGUMENT;
   int status = beginRead(true, false);
   if (status != TBL_OK) return status;
-  ReadScope scope{*this};
   uint64_t recno = static_cast<uint64_t>(recordNumber);
   MDB_val k{sizeof recno, &recno}, v;
   int rc = mdb_get(dataRead, records, &k, &v);
   if (rc != MDB_SUCCESS) return statusFromMdb(rc);
   expand(v, image.data());
   std::memcpy(buffer, image.data(), std::min(static_cast<size_t>(length), limit));
+  positioned = false;  // the record cursor did not move
   setCurrent(-1, k, recno);
   return TBL_OK;
 }

@@ -250,7 +250,6 @@ int64_t TCtreeTable::numberOfRecords() {
   if (status != TBL_OK) return -status;
   MDB_stat stat;
   int rc = mdb_stat(im.dataRead, im.records, &stat);
-  im.endRead();
   if (rc != MDB_SUCCESS) return -statusFromMdb(rc);
   return static_cast<int64_t>(stat.ms_entries);
 }
