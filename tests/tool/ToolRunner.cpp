@@ -1,14 +1,14 @@
 #include "ToolRunner.h"
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace {
 
@@ -31,7 +31,8 @@ std::vector<std::string> SplitLines(const std::string& text) {
 std::vector<std::string> ToolResult::OutLines() const { return SplitLines(out); }
 std::vector<std::string> ToolResult::ErrLines() const { return SplitLines(err); }
 
-ToolResult RunTool(const std::vector<std::string>& args, const std::string& scratch) {
+ToolResult RunTool(const std::vector<std::string>& args, const std::string& scratch,
+                   bool obeyPermissions) {
   const std::string outPath = scratch + "/tool.out";
   const std::string errPath = scratch + "/tool.err";
   std::vector<std::string> argv{WZSCANDB_TOOL};
@@ -40,15 +41,20 @@ ToolResult RunTool(const std::vector<std::string>& args, const std::string& scra
   for (std::string& arg : argv) pointers.push_back(arg.data());
   pointers.push_back(nullptr);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, pointers[0], &actions, nullptr, pointers.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw std::runtime_error("cannot start " + argv[0]);
-
+  pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("cannot fork to start " + argv[0]);
+  if (pid == 0) {
+    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
+    // Dropped from the bounding set, the capabilities do not come back when
+    // root executes the tool.
+    if (obeyPermissions && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) != 0 ||
+                            prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0) != 0))
+      _exit(kCannotDropCapabilities);
+    execv(pointers[0], pointers.data());
+    _exit(127);
+  }
   int waitStatus = 0;
   while (waitpid(pid, &waitStatus, 0) < 0) {
   }
