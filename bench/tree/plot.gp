@@ -22,11 +22,11 @@ set xtics ("10k" 10000, "100k" 100000, "1M" 1000000)
 # Targets: the walk at least 1M items/s, building at least 100k entries/s,
 # validateTree of 1M entries within 15 s (about 66.7k entries/s).
 set arrow from 5000,1e6 to 2000000,1e6 nohead dt 2 lc rgb "#009e73"
-set label "walk target" at 5500,1.12e6 tc rgb "#009e73"
+set label "walk target" at 1900000,1.12e6 right tc rgb "#009e73"
 set arrow from 5000,1e5 to 2000000,1e5 nohead dt 2 lc rgb "#9400d3"
-set label "build target" at 5500,1.12e5 tc rgb "#9400d3"
+set label "build target" at 1900000,1.12e5 right tc rgb "#9400d3"
 set arrow from 5000,66667 to 2000000,66667 nohead dt 2 lc rgb "#e69f00"
-set label "validate target" at 5500,59000 tc rgb "#e69f00"
+set label "validate target" at 1900000,59000 right tc rgb "#e69f00"
 
 # Columns 2 to 10: build, scan, walk, children, validate, updated, rename,
 # remove, raw-add; the last column is the peak memory and is not plotted.
