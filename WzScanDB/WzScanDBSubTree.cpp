@@ -279,12 +279,19 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
     for (int i = 0; i < count; ++i) {
       const WzScanDBRecordBasePtr& child = children[i];
       std::string path;
-      if (paths) path = prefix + child->getName();
+      if (paths) {
+        const std::string name = child->getName();
+        path.reserve(prefix.size() + name.size());
+        path.append(prefix).append(name);
+      }
 
       if (child->isDir()) {
         pending.push_back(child);
         if (paths) {
-          std::string childPrefix = path;
+          // Room for the delimiter, so that appending it does not reallocate.
+          std::string childPrefix;
+          childPrefix.reserve(path.size() + 1);
+          childPrefix.append(path);
           FXPath::AppendTrailingDelimiter(childPrefix);
           prefixes.push_back(std::move(childPrefix));
         }
