@@ -40,7 +40,8 @@ step() {
   start=$(date +%s.%N)
   "$TOOL" "$@" || status=$?
   end=$(date +%s.%N)
-  echo "-- $title: $(seconds "$start" "$end") s (exit status $status)"
+  LAST_SECONDS=$(seconds "$start" "$end")
+  echo "-- $title: $LAST_SECONDS s (exit status $status)"
   return "$status"
 }
 
@@ -50,6 +51,16 @@ echo "wzscandb main job, $(date -u '+%Y-%m-%d %H:%M:%S UTC'), work directory $WO
 REAL_DB="$WORK/real-db"
 step "scan of $REAL_TREE (a fresh database; new entries are counted, not listed)" \
   scan "$REAL_TREE" --db "$REAL_DB" --list 0
+SCAN_SECONDS=$LAST_SECONDS
+
+echo
+echo "== baseline: find walks $REAL_TREE with one lstat per entry and no database"
+START=$(date +%s.%N)
+find "$REAL_TREE" -printf '%s\n' >/dev/null 2>&1 || true
+FIND_SECONDS=$(seconds "$START" "$(date +%s.%N)")
+echo "-- baseline: $FIND_SECONDS s; the scan took $(LC_ALL=C awk -v a="$SCAN_SECONDS" -v b="$FIND_SECONDS" \
+  'BEGIN { if (b > 0) printf "%.1f", a / b; else printf "n/a" }') times as long"
+
 step "statistics of the $REAL_TREE database" stats "$REAL_DB"
 step "validation of the $REAL_TREE database" validate "$REAL_DB"
 

@@ -47,6 +47,9 @@ ToolResult RunTool(const std::vector<std::string>& args, const std::string& scra
     int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
+    // The tool's log follows these when set; its output is what is tested.
+    unsetenv("WZ_LOG_FILE");
+    unsetenv("WZ_LOG_LEVEL");
     // Dropped from the bounding set, the capabilities do not come back when
     // root executes the tool.
     if (obeyPermissions && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) != 0 ||

@@ -248,6 +248,9 @@ TEST_F(ToolTest, ErrorsAreOneLineWithTheDocumentedStatus) {
   const std::string empty = temp_ / "empty";
   ASSERT_EQ(0, ::mkdir(empty.c_str(), 0755));
   ExpectFailure(Run({"stats", empty}), 2, "WzScanDB.dat is missing");
+  WriteFile("plain", "not a database directory");
+  ExpectFailure(Run({"walk", T("plain")}), 2, "is not a directory");
+  ASSERT_EQ(0, ::unlink(T("plain").c_str()));
   ExpectFailure(Run({"csv", empty}), 2, "WzScanDB.dat is missing");
   struct stat st;
   EXPECT_NE(0, ::stat((empty + "/WzScanDB.dat").c_str(), &st));
@@ -272,6 +275,26 @@ TEST_F(ToolTest, ErrorsAreOneLineWithTheDocumentedStatus) {
     EXPECT_EQ(0, help.status) << command;
     EXPECT_NE(std::string::npos, help.out.find(command)) << command;
   }
+}
+
+TEST_F(ToolTest, LibraryLogGoesToTheLogFileOrNowhere) {
+  MakeScratchTree();
+  ToolResult quiet = Scan(9000);
+  ASSERT_EQ(0, quiet.status);
+  EXPECT_EQ("", quiet.err);  // no library lines unless asked for
+
+  const std::string log = temp_ / "library.log";
+  ToolResult logged = Run({"--log-file", log, "ls", db_});
+  ASSERT_EQ(0, logged.status) << logged.err;
+  EXPECT_EQ("", logged.err);
+  std::ifstream in(log);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(std::string::npos, text.find("Opened an Existing WzScanDB Database at : " + db_ + "/WzScanDB"));
+  EXPECT_EQ(std::string::npos, text.find(" L4 "));  // level 0 unless --log-level says more
+
+  ToolResult traced = Run({"ls", db_, "--log-level", "4"});
+  ASSERT_EQ(0, traced.status);
+  EXPECT_NE(std::string::npos, traced.err.find("Internal Initalize Completed"));
 }
 
 TEST_F(ToolTest, DatabaseHeldByAnotherProcessIsRefused) {

@@ -20,9 +20,11 @@ bool IsDirectory(const std::string& path) {
 
 void RequireDatabaseFiles(const std::string& directory) {
   if (directory.empty()) throw ToolError(kExitNotFound, "the database directory is empty");
-  if (!IsDirectory(directory))
-    throw ToolError(kExitNotFound, "database directory " + directory + " does not exist");
   struct stat st;
+  if (::stat(directory.c_str(), &st) != 0)
+    throw ToolError(kExitNotFound, "database directory " + directory + " does not exist");
+  if (!S_ISDIR(st.st_mode))
+    throw ToolError(kExitNotFound, "database directory " + directory + " is not a directory");
   if (::stat((directory + "/WzScanDB.dat").c_str(), &st) != 0)
     throw ToolError(kExitNotFound, "no scan database in " + directory + " (WzScanDB.dat is missing)");
 }
