@@ -145,7 +145,6 @@ class TreeWriteTest : public ::testing::Test {
     WzScanDBRecordBasePtr probe = Tree::Prototype();
     int status = db_->firstRecord(-1, probe->getStructure());
     while (status == 0) {
-      probe->setStructure(probe->getStructure());
       all.push_back(probe);
       WzScanDBRecordBasePtr next = Tree::Prototype();
       status = db_->nextRecord(-1, next->getStructure());
