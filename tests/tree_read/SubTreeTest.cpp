@@ -1,5 +1,6 @@
 // getSubTree: breadth-first walks, batches, visited marks and error sites.
 
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -289,6 +290,108 @@ TYPED_TEST(SubTreeTest, UnbatchedWalksLeaveTheBatchedWalkAlone) {
   }
   EXPECT_EQ(model.breadthFirst(start), this->tree.nodesOf(joined));
   EXPECT_EQ(this->RelativePaths(start, model.breadthFirst(start)), joinedPaths);
+}
+
+// Write failures of the marking walks, provoked by reopening the table read
+// only: each overload and direction reports the start record's write and a
+// child's write at its own line and in its own words. The failing child is
+// already in the result list, with its flag changed in memory.
+TYPED_TEST(SubTreeTest, WriteFailureSitesOfTheMarkingOverloads) {
+  TreeModel& model = this->tree.model();
+  const int start = model.addFolder(0, "start");
+  model.addFile(start, "a");
+  model.addFile(start, "b");
+  this->Store();
+
+  struct Overload {
+    const char* parameters;
+    int startSetLine, startClearLine, childLine;
+    const char* startSetText;
+    const char* startClearText;
+    const char* childText;  // with the flag word for "set" and for "clear"
+    const char* setWord;
+    const char* clearWord;
+    bool batched, withPaths;
+  };
+  const char* kPathsParam = "std::vector<std::__cxx11::basic_string<char> >&, ";
+  const std::vector<Overload> overloads = {
+      {"bool)", 1113, 1118, 1145, "updateDBRecord(%s) Failed", "updateDBRecord(%s) Failed",
+       "updateDBRecord(%s) with visited flag %s Failed", "set", "removed", false, false},
+      {"bool)", 1181, 1186, 1236, "updateDBRecord(%s) with visited = true Failed",
+       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
+       "true", "false", false, true},
+      {"bool, int, bool)", 1272, 1277, 1304, "updateDBRecord(%s) with visited = true Failed",
+       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
+       "true", "false", true, false},
+      {"bool, int, bool)", 1351, 1356, 1404, "updateDBRecord(%s) with visited = true Failed",
+       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
+       "true", "false", true, true},
+  };
+  auto format = [](const char* text, const std::string& record, const char* word = "") {
+    char buffer[2048];
+    snprintf(buffer, sizeof(buffer), text, record.c_str(), word);
+    return std::string(buffer);
+  };
+  auto reopen = [&](WZIndexing::TAccessEnum mode) {
+    this->db->TCtreeTable::close();
+    ASSERT_EQ(0, this->db->open(mode));
+  };
+  // Stored flags: the start's visited bit as given, the children's bits the
+  // opposite, so that exactly one of the two kinds of write is needed.
+  auto prepare = [&](bool startVisited) {
+    reopen(WZIndexing::kAccessReadWrite);
+    for (int id : {start, start + 1, start + 2}) {
+      WzScanDBRecordBasePtr rec = this->tree.record(id);
+      const bool visited = (id == start) == startVisited;
+      rec->setFlags(rec->getFlags() | (visited ? kRecordFlagVisited : 0));
+      ASSERT_FALSE(this->db->updateDBRecord(rec).IsError());
+    }
+    reopen(WZIndexing::kAccessReadOnly);
+  };
+
+  std::vector<WzScanDBRecordBasePtr> records;
+  std::vector<std::string> paths;
+  for (const Overload& each : overloads) {
+    const std::string signature =
+        std::string(kSignaturePrefix) + (each.withPaths ? kPathsParam : "") + each.parameters;
+    auto call = [&](bool validate) {
+      WzScanDBRecordBasePtr s = this->tree.record(start);
+      if (each.batched && each.withPaths) return this->db->getSubTree(s, records, paths, validate, 10, false);
+      if (each.batched) return this->db->getSubTree(s, records, validate, 10, false);
+      if (each.withPaths) return this->db->getSubTree(s, records, paths, validate);
+      return this->db->getSubTree(s, records, validate);
+    };
+    for (bool validate : {true, false}) {
+      // The start record needs the write.
+      prepare(!validate);
+      CKoError err = call(validate);
+      ASSERT_TRUE(err.IsError()) << signature;
+      EXPECT_EQ(EKoErrorKind::kInt, err.GetKind());
+      EXPECT_EQ(signature, Top(err).location.function);
+      EXPECT_EQ(validate ? each.startSetLine : each.startClearLine, Top(err).location.line);
+      EXPECT_EQ(format(validate ? each.startSetText : each.startClearText,
+                       this->tree.record(start)->toString()),
+                Top(err).message);
+      EXPECT_TRUE(records.empty());
+
+      // Only the children need it: the first child fails.
+      prepare(validate);
+      err = call(validate);
+      ASSERT_TRUE(err.IsError()) << signature;
+      EXPECT_EQ(signature, Top(err).location.function);
+      EXPECT_EQ(each.childLine, Top(err).location.line);
+      ASSERT_EQ(1u, records.size());
+      EXPECT_EQ("a", records[0]->getName());
+      EXPECT_EQ(validate ? kRecordFlagVisited : 0, records[0]->getFlags() & kRecordFlagVisited);
+      EXPECT_EQ(format(each.childText, records[0]->toString(),
+                       validate ? each.setWord : each.clearWord),
+                Top(err).message);
+      if (each.withPaths) {
+        EXPECT_EQ(std::vector<std::string>{"a"}, paths);
+      }
+    }
+  }
+  reopen(WZIndexing::kAccessReadWrite);
 }
 
 // Every overload reports a start record that is not stored, and a failed
