@@ -155,15 +155,31 @@ int LmdbFile::grow(size_t minExtra) {
   uint64_t step = growStep_;
   if (step < mapSize_ / 8) step = mapSize_ / 8;
   if (step < minExtra) step = minExtra;
-  uint64_t newSize = roundUp(mapSize_ + step, kMiB);
-  if (sizeCap_ && newSize > sizeCap_) newSize = sizeCap_;
-  if (newSize <= mapSize_) return TBL_FILE_FULL;
-  int status = preallocate(newSize);
-  if (status != TBL_OK) return status;
-  int rc = mdb_env_set_mapsize(env_, static_cast<size_t>(newSize));
-  if (rc != 0) return statusFromMdb(rc);
-  mapSize_ = static_cast<size_t>(newSize);
-  return TBL_OK;
+  // Near a size limit, smaller steps still use what room is left.
+  for (;;) {
+    uint64_t newSize = roundUp(mapSize_ + step, kMiB);
+    if (sizeCap_ && newSize > sizeCap_) newSize = sizeCap_;
+    if (newSize <= mapSize_ || newSize < mapSize_ + minExtra) return TBL_FILE_FULL;
+    int status = preallocate(newSize);
+    if (status == TBL_FILE_FULL && step > kMiB && step / 2 >= minExtra) {
+      step /= 2;
+      continue;
+    }
+    if (status != TBL_OK) return status;
+    int rc = mdb_env_set_mapsize(env_, static_cast<size_t>(newSize));
+    if (rc != 0) return statusFromMdb(rc);
+    mapSize_ = static_cast<size_t>(newSize);
+    return TBL_OK;
+  }
+}
+
+int LmdbFile::ensureRoom(size_t bytes) {
+  MDB_envinfo info;
+  MDB_stat stat;
+  if (mdb_env_info(env_, &info) != 0 || mdb_env_stat(env_, &stat) != 0) return TBL_IO_ERROR;
+  const uint64_t used = (static_cast<uint64_t>(info.me_last_pgno) + 1) * stat.ms_psize;
+  if (used + bytes <= mapSize_) return TBL_OK;
+  return grow(static_cast<size_t>(used + bytes - mapSize_));
 }
 
 uint64_t LmdbFile::lastTxnId() const {

@@ -46,6 +46,9 @@ class LmdbFile {
   // Enlarges the map by the growth step (at least `minExtra` bytes).
   // TBL_FILE_FULL past the cap or when the disk refuses the blocks.
   int grow(size_t minExtra = 0);
+  // Grows the map when fewer than `bytes` lie past the last page in use, so
+  // that a following small transaction cannot run out of room.
+  int ensureRoom(size_t bytes);
   // Flushes and closes the environment, cuts the file to its used size and
   // closes the file (which drops the lock). Safe to call twice.
   int close();

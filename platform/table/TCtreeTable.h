@@ -45,10 +45,12 @@
 // Durability: every write commits before it returns (data file first, then
 // the index file). A killed process loses no operation that returned success
 // and never leaves files that cannot be opened; an index file left behind the
-// data file is rebuilt by open(). Commits are not synced one by one: after a
-// power loss or OS crash the writes of the last moments before close() may be
-// lost, but LMDB's copy-on-write pages keep the files openable; close() syncs
-// both files.
+// data file is rebuilt by open(). Commits are not flushed one by one (the
+// pages reach the disk when the kernel writes them back): after a power loss
+// or OS crash, writes since the last close() may be lost and a file may be
+// damaged, which open() answers with TBL_BAD_FORMAT where it can tell. close()
+// flushes both files; a backup engineer who needs a power-safe point closes
+// the table.
 //
 // Current record: every successful read (bypass mode off) makes the record it
 // returns current; a failed read leaves it where it was; addRecord does not

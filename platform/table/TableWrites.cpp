@@ -11,6 +11,11 @@ using namespace wztable;
 
 namespace {
 
+// Room kept free in the index file before a record operation commits to the
+// data file, so that the index commit that follows does not meet a full disk
+// or file limit after the data has changed.
+constexpr size_t kIndexHeadroom = size_t{512} << 10;
+
 MDB_val valOf(const void* data, size_t size) {
   MDB_val v;
   v.mv_data = const_cast<void*>(data);
@@ -93,6 +98,10 @@ int TCtreeTable::Impl::addRecord(const uint8_t* record) {
     endRead();
     if (status != TBL_OK) return status;
   }
+  if (indexed) {
+    int room = index.ensureRoom(kIndexHeadroom);
+    if (room != TBL_OK) return room;
+  }
   const uint64_t recno = nextRecno;
   const size_t length = storedRecordLength(record);
   int status = write(data, [&](MDB_txn* txn) {
@@ -133,6 +142,10 @@ int TCtreeTable::Impl::modifyRecord(const uint8_t* record) {
     if (status == TBL_NOT_FOUND) return TBL_BAD_FORMAT;  // indexed record missing from the data
     if (status != TBL_OK) return status;
   }
+  if (indexed) {
+    int room = index.ensureRoom(kIndexHeadroom);
+    if (room != TBL_OK) return room;
+  }
   const size_t length = storedRecordLength(record);
   int status = write(data, [&](MDB_txn* txn) {
     MDB_val key = valOf(&recno, sizeof recno), value = valOf(record, length);
@@ -162,6 +175,10 @@ int TCtreeTable::Impl::deleteRecord() {
     if (status == TBL_NOT_FOUND) return TBL_BAD_FORMAT;
     if (status != TBL_OK) return status;
     buildKeys(oldImage.data(), oldKeys);
+  }
+  if (indexed) {
+    int room = index.ensureRoom(kIndexHeadroom);
+    if (room != TBL_OK) return room;
   }
   const bool highest = recno + 1 == nextRecno;
   int status = write(data, [&](MDB_txn* txn) {

@@ -2,7 +2,12 @@
 // sizes, variable-length storage, record numbers, current-record rules.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include "TableTestUtil.h"
 #include "support/TempDir.h"
@@ -261,4 +266,50 @@ TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
   ASSERT_EQ(other.close(), TBL_OK);
   EXPECT_EQ(fileBytes(name + ".dat"), data);
   EXPECT_EQ(writer.open(WZIndexing::kAccessReadWrite), TBL_OK);
+}
+
+// A file size limit (as a full disk) stops writes with TBL_FILE_FULL; every
+// write acknowledged before is kept and a refused write changed nothing.
+TEST(TableFiles, FileSizeLimitGivesFileFullAndKeepsAcknowledgedRecords) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {3 << 20, 3 << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    TCtreeTable table;
+    if (createTable(table, name, genericSchema()) != TBL_OK) _exit(100);
+    int added = 0, status = TBL_OK;
+    while (added < 100000) {
+      auto image = genericRecord(0, static_cast<uint8_t>(added % 5), "name-" + std::to_string(added));
+      std::memcpy(image.data(), &added, sizeof added);
+      std::memset(image.data() + 32, 0x33, 144);
+      status = table.addRecord(image.data());
+      if (status != TBL_OK) break;
+      ++added;
+    }
+    if (status != TBL_FILE_FULL) _exit(101);
+    // Reads still work, and so does a delete (freed pages are reused).
+    std::vector<uint8_t> out(440);
+    if (table.firstRecord(0, out.data()) != TBL_OK || table.deleteRecord() != TBL_OK) _exit(102);
+    table.close();
+    FILE* f = std::fopen((dir / "count").c_str(), "w");
+    std::fprintf(f, "%d", added - 1);
+    std::fclose(f);
+    _exit(0);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(waitpid(child, &wstatus, 0), child);
+  ASSERT_TRUE(WIFEXITED(wstatus));
+  ASSERT_EQ(WEXITSTATUS(wstatus), 0);
+  const int kept = std::stoi(fileBytes(dir / "count"));
+  EXPECT_GT(kept, 1000);
+  EXPECT_LE(fileSize(name + ".dat"), 3 << 20);
+  TCtreeTable table;
+  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
+  EXPECT_EQ(table.numberOfRecords(), kept);
+  std::string report;
+  EXPECT_EQ(table.checkConsistency(&report), TBL_OK) << report;
 }
