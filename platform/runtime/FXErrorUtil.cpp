@@ -30,8 +30,10 @@ CKoError ErrorWin32(const FXCodeLocation& location, unsigned code, const char* f
 }
 
 CKoError ErrorWin32(const FXCodeLocation& location, unsigned code) {
-  return CKoError(EKoErrorKind::kWin32, code, location,
-                  CKoError::CodeText(EKoErrorKind::kWin32, code));
+  std::string message = CKoError::CodeText(EKoErrorKind::kWin32, code);
+  // A code without a text of its own still gets a message that names it.
+  if (message.empty()) message = FXString::Format("Win32 error %u", code);
+  return CKoError(EKoErrorKind::kWin32, code, location, std::move(message));
 }
 
 }  // namespace FXErrorUtil

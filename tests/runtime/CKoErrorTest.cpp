@@ -73,6 +73,7 @@ TEST(CKoErrorTest, FactoriesSetKindCodeAndMessage) {
   ASSERT_EQ(plain.GetFrames().size(), 1u);
   EXPECT_STREQ(plain.GetFrames()[0].location.function, "int Inner::read(int)");
   EXPECT_EQ(plain.GetFrames()[0].location.line, 10);
+  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 4242).GetOriginMessage(), "Win32 error 4242");
 }
 
 TEST(CKoErrorTest, PushAddsFrameOnCopyAndAsStringRendersTopFirst) {
