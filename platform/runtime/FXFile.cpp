@@ -7,6 +7,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -79,11 +80,14 @@ void SyncDirectory(const std::string& directory) {
 // A fresh name in the directory of `path`, for building a file before it is
 // renamed into place.
 std::string TemporaryNameBeside(const std::string& path) {
+  static std::atomic<unsigned long long> sequence{0};
   unsigned char bytes[8] = {};
-  if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+  // GRND_NONBLOCK: a name must not wait for the entropy pool at boot.
+  if (getrandom(bytes, sizeof bytes, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof bytes)) {
     // The name needs to be unlikely, not secret; O_EXCL guards against clashes.
-    unsigned long long mix = static_cast<unsigned long long>(::getpid()) << 32 ^
-                             reinterpret_cast<unsigned long long>(&bytes);
+    const unsigned long long mix = static_cast<unsigned long long>(::getpid()) << 40 ^
+                                   sequence.fetch_add(1) ^
+                                   static_cast<unsigned long long>(CTimeStamp::Monotonic().Nanoseconds());
     std::memcpy(bytes, &mix, sizeof bytes);
   }
   std::string name = DirectoryOf(path) + "/.wzfile-";
