@@ -297,4 +297,54 @@ TYPED_TEST(RenameTest, RenameFolderEdgeCases) {
   EXPECT_EQ(before, this->CountRecords());
 }
 
+// A sub-tree larger than one batch: the rename goes on batch after batch
+// from the walk state, moving every item exactly once.
+TYPED_TEST(RenameTest, RenameFolderAcrossBatches) {
+  constexpr int kFolders = 12;
+  constexpr int kFiles = 1000;
+  this->AddFolder("/x");
+  for (int f = 0; f < kFolders; ++f) {
+    const std::string folder = "/x/d" + std::to_string(f);
+    this->AddFolder(folder);
+    for (int i = 0; i < kFiles; ++i) this->AddFile(folder + "/f" + std::to_string(i));
+  }
+  this->AddFile("/other");
+  const size_t before = this->CountRecords();
+
+  ScopedLogLevel level(6);
+  auto capture = CLogCapture::Install();
+  CKoError err =
+      this->db_->renameFolder(this->Make("/x", true), this->Make("/y", true), "/x", "/y");
+  ASSERT_TRUE(err.IsSuccess()) << err.AsString();
+
+  // 12 folders, then 10 folders' files cross the bound of 10000; the rest follows.
+  std::vector<std::string> filled;
+  for (const CLogEntry& entry : capture->FindContaining("Filled the Buffer with "))
+    filled.push_back(entry.message);
+  EXPECT_EQ((std::vector<std::string>{
+                "Filled the Buffer with 10012 Items from the getSubtree function",
+                "Filled the Buffer with 2000 Items from the getSubtree function",
+                "Filled the Buffer with 0 Items from the getSubtree function"}),
+            filled);
+  EXPECT_EQ(size_t(kFolders) * (kFiles + 1),
+            capture->FindContaining("Renaming path from : /x/").size());
+
+  EXPECT_EQ(before, this->CountRecords());
+  EXPECT_FALSE(this->IsStored("/x", true));
+  EXPECT_TRUE(this->IsStored("/y", true));
+  EXPECT_TRUE(this->IsStored("/other", false));
+  size_t moved = 0;
+  for (int f = 0; f < kFolders; ++f) {
+    const std::string suffix = "/d" + std::to_string(f);
+    EXPECT_FALSE(this->IsStored("/x" + suffix, true));
+    moved += this->IsStored("/y" + suffix + "/", true);
+    for (int i = 0; i < kFiles; ++i) {
+      const std::string file = suffix + "/f" + std::to_string(i);
+      EXPECT_FALSE(this->IsStored("/x" + file, false)) << file;
+      moved += this->IsStored("/y" + file, false);
+    }
+  }
+  EXPECT_EQ(size_t(kFolders) * (kFiles + 1), moved);
+}
+
 }  // namespace
