@@ -19,19 +19,30 @@ namespace site {
 constexpr int kChildrenKeyFailed = 1590;
 }  // namespace site
 
+// A fresh record of the folder's type to read one stored image into. The
+// image overwrites every field, so a bare record (MakeParentObject: identity
+// only, no file-system access) serves, and is much cheaper than a clone of a
+// folder that descends from the prototype: such a clone would copy the
+// prototype's field, index and segment lists once per child. A record type
+// without a bare form (MakeParentObject gives null) is cloned.
+inline WzScanDBRecordBasePtr NewProbe(const WzScanDBRecordBasePtr& folder) {
+  WzScanDBRecordBasePtr probe = folder->MakeParentObject();
+  return probe ? probe : folder->Clone();
+}
+
 }  // namespace
 
 // The folder's children key is (folder id, empty name): the lowest key any of
 // its children can have. The walk reads forward from there and stops at the
 // first record that is not a child, or at the first non-zero engine status;
-// that last record is dropped. Each child is a fresh clone of the folder
-// overwritten with the stored image, so the caller owns it outright.
+// that last record is dropped. Each child is a fresh record of the folder's
+// type holding the stored image, so the caller owns it outright.
 CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
                                std::vector<WzScanDBRecordBasePtr>& children) {
   auto_lock<FXCriticalSection> lock(dbLock);
   children.clear();
 
-  WzScanDBRecordBasePtr probe = folder->Clone();
+  WzScanDBRecordBasePtr probe = NewProbe(folder);
 
   SPrepareIndexKeyStructure request = folder->prepareIndexKeyFromParent();
   const int keySize = request.keyBufferSize;
@@ -58,7 +69,7 @@ CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
   while (status == 0 && probe->checkParent(folder)) {
     CAutoTimeCounter timer(readCounter);
     children.push_back(std::move(probe));
-    probe = folder->Clone();
+    probe = NewProbe(folder);
     void* buffer = probe->getStructure();
     status = nextRecord(index, buffer);
     probe->setStructure(buffer);
