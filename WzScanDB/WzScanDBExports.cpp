@@ -22,9 +22,14 @@ extern "C" {
 
 // ---- creation, destruction and state ---------------------------------------------
 
+// The database keeps a clone of the prototype, not the caller's record: the
+// caller may destroy its record with Delete...Object (which ignores other
+// owners) or reuse it as a working record, and the schema must stay intact.
+// A null prototype is passed on as it is; the database logs and refuses it.
 void CreateWzScanDBObject(WzScanDBPtr& handle, WzScanDBRecordBasePtr prototype) {
   WzScanDBRecordBasePtr copy = prototype;
-  handle = WzMakeHandle(new WzScanDB(copy));
+  WzScanDBRecordBasePtr own = copy ? copy->Clone() : copy;
+  handle = WzMakeHandle(new WzScanDB(own));
 }
 
 void DestroyWzScanDBObject(WzScanDBPtr handle) { WzDestroyHandleObject(handle); }
