@@ -80,6 +80,13 @@ TEST_F(CountersTest, GetCounterBeyondTheListIsNull) {
     EXPECT_EQ(counters.GetCounter(static_cast<ScanDBCounter>(i))->GetTotalSamples(), 0u);
 }
 
+TEST_F(CountersTest, ThreadFunctionWithoutCounterSetReturnsAtOnce) {
+  EXPECT_EQ(PrintScanDBStatistics(nullptr), nullptr);
+  EXPECT_EQ(Count("Started WzScanDB Performance Logging Thread"), 1u);
+  EXPECT_EQ(Count(kStopped), 0u);
+  EXPECT_EQ(Count(kHead), 0u);
+}
+
 TEST_F(CountersTest, IntervalComesFromTheSettingsFile) {
   {
     WzScanDBPerformanceCounter counters;

@@ -59,6 +59,11 @@ TEST_F(LifeCycleTest, CreateCloseReopenKeepsRecords) {
   EXPECT_TRUE(found);
   EXPECT_EQ(out->getRefTime(), 9u);
   ASSERT_TRUE(db->close().IsSuccess());
+  // The re-opened database counted with a new set: the add of before is gone.
+  auto adds = capture->FindContaining(" ADD_RECORD : ");
+  ASSERT_FALSE(adds.empty());
+  EXPECT_EQ(adds.back().message.find(" ADD_RECORD : samples=0 "), 0u) << adds.back().message;
+  EXPECT_EQ(Count("Stopped WzScanDB Performance Logging Thread"), 2u);
 
   // A trailing separator gives a double slash, which names the same files.
   WzScanDBPtr again = NewDb(boost::make_shared<WzScanDBRecord>());
