@@ -37,7 +37,11 @@ CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr record, std::string& 
   path = record->getName();
 
   while (!current->isRoot()) {
-    WzScanDBRecordBasePtr probe = current->MakeParentObject()->Clone();
+    WzScanDBRecordBasePtr parentProbe = current->MakeParentObject();
+    // A record type without parent links (the flat backup-time record) has no
+    // parent to follow: its path is its own name.
+    if (!parentProbe) break;
+    WzScanDBRecordBasePtr probe = parentProbe->Clone();
     WzScanDBRecordBasePtr parent = probe->Clone();
     bool found = false;
     CKoError err = checkDBRecord(probe, parent, found);

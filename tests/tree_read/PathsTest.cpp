@@ -155,8 +155,9 @@ TYPED_TEST(PathsTest, UpdatedRecords) {
   EXPECT_EQ(first.get(), records[0].get());
 }
 
-// The backup-time record's change time stands in for its reference time.
-TEST(UpdatedBackupTimeRecords, ComparedOnChangeTime) {
+// The backup-time record's change time stands in for its reference time; a
+// record without parent links has its own (empty) name as path.
+TEST(FlatTableRecords, UpdatedOnChangeTimeAndPathWithoutParents) {
   TempDir dir;
   WzScanDB db(boost::make_shared<CBackupTimeRecord>());
   ASSERT_FALSE(db.initialize(dir.path()).IsError());
@@ -170,6 +171,11 @@ TEST(UpdatedBackupTimeRecords, ComparedOnChangeTime) {
   EXPECT_EQ((std::set<std::string>{CBackupTimeRecord(3, 300).toString(),
                                    CBackupTimeRecord(4, 400).toString()}),
             texts);
+
+  std::string path = "stale";
+  CKoError err = db.getPathFromRecord(boost::make_shared<CBackupTimeRecord>(3, 300), path);
+  EXPECT_FALSE(err.IsError()) << err.AsString();
+  EXPECT_EQ("", path);
   db.close();
 }
 
