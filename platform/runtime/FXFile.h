@@ -53,17 +53,22 @@ class WZRT_API CFileData {
   static CKoError FromPath(const std::string& path, CFileData& data);
 
   unsigned long long GetSize() const noexcept { return (unsigned long long)stat_.st_size; }
-  CTimeStamp GetModificationTime() const noexcept {
-    return CTimeStamp::FromUnixSeconds(stat_.st_mtim.tv_sec);
-  }
-  CTimeStamp GetChangeTime() const noexcept {
-    return CTimeStamp::FromUnixSeconds(stat_.st_ctim.tv_sec);
-  }
+  // Times a stamp cannot hold (before 1677 or after 2262: a status read back
+  // from a damaged record) are clamped to its range instead of overflowing.
+  CTimeStamp GetModificationTime() const noexcept { return StampOf(stat_.st_mtim.tv_sec); }
+  CTimeStamp GetChangeTime() const noexcept { return StampOf(stat_.st_ctim.tv_sec); }
   mode_t GetMode() const noexcept { return stat_.st_mode; }
   bool IsDirectory() const noexcept { return S_ISDIR(stat_.st_mode); }
   const struct stat& GetStat() const noexcept { return stat_; }
 
  private:
+  static CTimeStamp StampOf(long long seconds) noexcept {
+    constexpr long long kLimit = 9223372036LL;  // whole seconds of the largest stamp
+    if (seconds > kLimit) seconds = kLimit;
+    if (seconds < -kLimit) seconds = -kLimit;
+    return CTimeStamp::FromUnixSeconds(seconds);
+  }
+
   struct stat stat_;
 };
 
