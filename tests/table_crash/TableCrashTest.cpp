@@ -6,7 +6,6 @@
 //
 // Environment: WZ_CRASH_ROUNDS, WZ_CRASH_SEED, WZ_CRASH_KEYS,
 // WZ_CRASH_MAX_DELAY_US change the run (scripts/table-crash-soak.sh).
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -34,16 +33,19 @@ uint64_t envOr(const char* name, uint64_t fallback) {
   return v && *v ? std::strtoull(v, nullptr, 0) : fallback;
 }
 
-std::string guidKey(const uint8_t* guid) { return std::string(reinterpret_cast<const char*>(guid), 16); }
+std::string guidKey(const uint8_t* guid) {
+  return std::string(reinterpret_cast<const char*>(guid), 16);
+}
 
+// What one writer reported: its acknowledgements and its failure, if any.
 struct RoundLog {
   std::vector<Message> messages;
   bool failed = false;
   Message failure{};
 };
 
-// What the parent learned from one writer: the model after every Ack, and
-// the operation that had begun but not been acknowledged, if any.
+// The operation that had begun but was not yet acknowledged when the writer
+// died, if any, and the state of its key before it.
 struct Pending {
   bool active = false;
   Message begin{};
