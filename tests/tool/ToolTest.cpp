@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,15 +33,20 @@ struct ScanReport {
 
 ScanReport ParseScan(const ToolResult& result) {
   ScanReport report;
-  static const std::regex kPair("([a-z/]+) ([0-9.]+)");
   for (const std::string& line : result.OutLines()) {
     std::string rest = line.size() > 9 ? line.substr(9) : "";
     if (line.rfind("new      ", 0) == 0) report.added.insert(rest);
     if (line.rfind("changed  ", 0) == 0) report.changed.insert(rest);
     if (line.rfind("removed  ", 0) == 0) report.removed.insert(rest);
-    if (line.rfind("summary:", 0) == 0)
-      for (std::sregex_iterator it(line.begin(), line.end(), kPair), end; it != end; ++it)
-        report.summary[(*it)[1]] = std::stod((*it)[2]);
+    if (line.rfind("summary: ", 0) != 0) continue;
+    // "summary: entries 9, folders 4, ..., entries/s 1200"
+    std::istringstream fields(line.substr(9));
+    for (std::string field; std::getline(fields, field, ',');) {
+      std::istringstream pair(field);
+      std::string key;
+      double value = 0;
+      if (pair >> key >> value) report.summary[key] = value;
+    }
   }
   return report;
 }
