@@ -4,8 +4,8 @@
 #   scripts/table-differential-soak.sh [rounds] [ops-per-round] [first-seed]
 #
 # Each round runs both differential tests with its own seed (first-seed,
-# first-seed+1, ...). Environment: BUILD_DIR (default build/release) locates
-# table_tests. A failing round prints its seed, which reproduces it:
+# first-seed+1, ...). Environment: BUILD_DIR (default build/release, made
+# with the release preset when missing) holds table_tests. A failing round prints its seed, which reproduces it:
 #   WZ_TABLE_DIFF_SEED=<seed> WZ_TABLE_DIFF_OPS=<ops> <build>/tests/table/table_tests \
 #     --gtest_filter='TableDifferential.*'
 set -euo pipefail
@@ -14,10 +14,17 @@ rounds=${1:-${ROUNDS:-20}}
 ops=${2:-${WZ_TABLE_DIFF_OPS:-200000}}
 seed=${3:-${WZ_TABLE_DIFF_SEED:-$(date +%s)}}
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${BUILD_DIR:-$root/build/release}
+cd "$root"
+build=${BUILD_DIR:-build/release}
+if [[ ! -f $build/build.ninja && -z ${BUILD_DIR:-} ]]; then
+  cmake --preset release
+fi
+if [[ -f $build/build.ninja ]]; then
+  cmake --build "$build" --target table_tests -j2
+fi
 binary=$(find "$build" -name table_tests -type f -perm -u+x | head -n 1)
 if [[ -z "$binary" ]]; then
-  echo "table_tests not found under $build (build the table_tests target first)" >&2
+  echo "table_tests not found under $build" >&2
   exit 2
 fi
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <cstdio>
 
+#include "runtime/FXFile.h"
 #include "table/TableStatus.h"
 
 namespace wztable {
@@ -76,7 +77,7 @@ int LmdbFile::openFile(const std::string& path, bool create, bool readOnly) {
   created_ = create;
   int flags = O_CLOEXEC | O_NOFOLLOW | (readOnly_ ? O_RDONLY : O_RDWR);
   if (create) flags |= O_CREAT | O_EXCL;
-  fd_ = ::open(path.c_str(), flags, 0600);
+  fd_ = ::open(path.c_str(), flags, create ? FXFile::CreatedFileMode() : 0);
   if (fd_ < 0) return statusFromErrno(errno);
   struct stat st;
   if (fstat(fd_, &st) != 0) return TBL_IO_ERROR;
@@ -93,7 +94,7 @@ int LmdbFile::lock(bool exclusive) {
 int LmdbFile::validate() const {
   const uint64_t size = fileSize();
   unsigned char meta[2][kMetaBytes];
-  if (size < 2 * 4096 && size < 2 * kMetaBytes) return TBL_BAD_FORMAT;
+  if (size < 2 * kMetaBytes) return TBL_BAD_FORMAT;
   if (pread(fd_, meta[0], kMetaBytes, 0) != static_cast<ssize_t>(kMetaBytes)) return TBL_BAD_FORMAT;
   const uint32_t pageSize = readAt<uint32_t>(meta[0], kMetaPageSizeAt);
   if (pageSize < 512 || pageSize > 65536 || (pageSize & (pageSize - 1)) != 0) return TBL_BAD_FORMAT;

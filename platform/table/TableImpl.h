@@ -1,7 +1,7 @@
 // TCtreeTable::Impl: the state of one table object (schema, open files,
 // current record, key builder) and the operations behind TCtreeTable's
 // public calls. Private to libWzTable; split over TableLifecycle.cpp,
-// TableWrites.cpp, TableReads.cpp and TableRebuild.cpp.
+// TableKeys.cpp, TableWrites.cpp, TableReads.cpp and TableRebuild.cpp.
 #pragma once
 
 #include <lmdb.h>
