@@ -26,8 +26,7 @@ ExternalSorter::ExternalSorter(size_t entrySize, size_t memoryBytes, std::string
 }
 
 ExternalSorter::~ExternalSorter() {
-  for (Run& run : runs_)
-    if (run.fd >= 0) ::close(run.fd);
+  if (fd_ >= 0) ::close(fd_);
 }
 
 int ExternalSorter::add(const uint8_t* entry) {
@@ -52,25 +51,31 @@ void ExternalSorter::sortBuffer() {
 
 int ExternalSorter::spill() {
   sortBuffer();
-  std::string pattern = tempPrefix_ + ".sortXXXXXX";
-  int fd = mkostemp(pattern.data(), O_CLOEXEC);
-  if (fd < 0) return statusFromWriteErrno(errno);
-  ::unlink(pattern.c_str());
+  if (fd_ < 0) {
+    // One unlinked file holds every run, one after the other.
+    std::string pattern = tempPrefix_ + ".sortXXXXXX";
+    fd_ = mkostemp(pattern.data(), O_CLOEXEC);
+    if (fd_ < 0) return statusFromWriteErrno(errno);
+    ::unlink(pattern.c_str());
+  }
+  const int fd = fd_;
   Run run;
-  run.fd = fd;
+  run.start = spilled_;
+  run.offset = spilled_;
   std::vector<uint8_t> out;
   out.reserve(std::min<size_t>(1 << 20, buffer_.size()) + entrySize_);
   auto flush = [&]() -> int {
     size_t done = 0;
     while (done < out.size()) {
-      ssize_t n = ::write(fd, out.data() + done, out.size() - done);
+      ssize_t n = pwrite(fd, out.data() + done, out.size() - done,
+                         static_cast<off_t>(spilled_ + done));
       if (n < 0) {
         if (errno == EINTR) continue;
         return statusFromWriteErrno(errno);
       }
       done += static_cast<size_t>(n);
     }
-    run.size += out.size();
+    spilled_ += out.size();
     out.clear();
     return TBL_OK;
   };
@@ -79,17 +84,12 @@ int ExternalSorter::spill() {
     out.insert(out.end(), entry, entry + entrySize_);
     if (out.size() >= (1 << 20)) {
       int status = flush();
-      if (status != TBL_OK) {
-        ::close(fd);
-        return status;
-      }
+      if (status != TBL_OK) return status;
     }
   }
   int status = flush();
-  if (status != TBL_OK) {
-    ::close(fd);
-    return status;
-  }
+  if (status != TBL_OK) return status;
+  run.end = spilled_;
   runs_.push_back(std::move(run));
   buffer_.clear();
   order_.clear();
@@ -98,11 +98,11 @@ int ExternalSorter::spill() {
 
 bool ExternalSorter::refill(Run& run, int* status) {
   if (run.pos < run.len) return true;
-  if (run.offset >= run.size) return false;
-  size_t want = std::min<uint64_t>(run.buffer.size(), run.size - run.offset);
+  if (run.offset >= run.end) return false;
+  size_t want = std::min<uint64_t>(run.buffer.size(), run.end - run.offset);
   size_t got = 0;
   while (got < want) {
-    ssize_t n = pread(run.fd, run.buffer.data() + got, want - got,
+    ssize_t n = pread(fd_, run.buffer.data() + got, want - got,
                       static_cast<off_t>(run.offset + got));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {

@@ -32,11 +32,11 @@ class ExternalSorter {
   size_t spilledRuns() const { return runs_.size(); }
 
  private:
-  // One spilled run: an unlinked file and a read buffer over it.
+  // One spilled run: its byte range in the run file and a read buffer.
   struct Run {
-    int fd = -1;
-    uint64_t offset = 0;
-    uint64_t size = 0;
+    uint64_t start = 0;
+    uint64_t end = 0;
+    uint64_t offset = 0;  // next byte to read
     std::vector<uint8_t> buffer;
     size_t pos = 0;
     size_t len = 0;
@@ -53,6 +53,8 @@ class ExternalSorter {
   std::vector<uint8_t> buffer_;
   std::vector<uint32_t> order_;
   std::vector<Run> runs_;
+  int fd_ = -1;            // the run file
+  uint64_t spilled_ = 0;   // bytes written to it
   std::vector<size_t> heap_;  // run numbers, smallest current entry first
   size_t cursor_ = 0;         // in-memory mode: position in order_
   bool merging_ = false;
