@@ -255,6 +255,9 @@ TEST_F(ToolTest, ErrorsAreOneLineWithTheDocumentedStatus) {
   ExpectFailure(Run({"stats", empty}), 2, "WzScanDB.dat is missing");
   WriteFile("plain", "not a database directory");
   ExpectFailure(Run({"walk", T("plain")}), 2, "is not a directory");
+  ExpectFailure(Run({"scan", T("plain"), "--db", temp_ / "file-db"}), 2, "not a directory");
+  ExpectFailure(Run({"scan", T("nothing"), "--db", temp_ / "file-db"}), 2, "No such file");
+  EXPECT_FALSE(std::filesystem::exists(temp_ / "file-db"));  // refused before creating anything
   ASSERT_EQ(0, ::unlink(T("plain").c_str()));
   ExpectFailure(Run({"csv", empty}), 2, "WzScanDB.dat is missing");
   struct stat st;

@@ -1,5 +1,6 @@
 // scan: records a directory tree into a scan database and reports the changes
 // since the last scan of the same tree.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +65,9 @@ unsigned long long ChooseRefTime(ScanDatabase& database, const std::string& dir,
 
 int RunScan(const ScanArguments& args) {
   std::string dir = RealPath(args.dir);
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+    throw ToolError(kExitNotFound, "cannot scan " + dir + ": not a directory");
   if (args.type == RecordType::kLustre) {
     LustreAPI::CLustreFID fid;
     int status = LustreAPI::GetFIDFromPath(dir, fid);
