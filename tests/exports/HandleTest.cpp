@@ -122,9 +122,9 @@ TEST_F(ExportsTest, DestroyLeavesTheHandleAndDroppingItIsHarmless) {
   alias.reset();
 }
 
-// Records files of a closed database, then reopens them at the engine level:
-// the object is registered with the engine's initialize(const char*) and
-// opened through WzScanDBObjectOpen.
+// Writes a database and closes it, then reopens its files at the engine
+// level: the object is registered with the engine's initialize(const char*)
+// and opened through WzScanDBObjectOpen.
 TEST_F(ExportsTest, OpenReportsTheEngineStatusAtItsOwnLocation) {
   TempDir dir;
   {
