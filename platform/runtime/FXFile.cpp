@@ -10,11 +10,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXString.h"
+#include "runtime/LogWriter.h"
+#include "runtime/WZPlatformInfo.h"
 
 namespace FXFile {
 
@@ -159,7 +162,8 @@ StepError CopyToNewFile(const std::string& from, const std::string& to, bool kee
   if (S_ISDIR(st.st_mode)) return Fail(EISDIR, "the source is a directory");
   if (!S_ISREG(st.st_mode)) return Fail(EINVAL, "the source is not a regular file");
 
-  ScopedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  ScopedFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        CreatedFileMode()));
   if (out.get() < 0) return Fail(errno, "cannot create the destination");
 
   StepError result;
@@ -293,3 +297,23 @@ CKoError CFileData::FromPath(const std::string& path, CFileData& data) {
 }
 
 }  // namespace FXFile
+
+mode_t FXFile::CreatedFileMode() {
+  constexpr mode_t kDefault = 0600;
+  std::string text;
+  if (!WZPlatformInfo::getRegString("~FileSystemAgent", "nWzScanDBFileMode", &text)) return kDefault;
+  const char* begin = text.c_str();
+  while (*begin == ' ' || *begin == '\t') ++begin;
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(begin, &end, 0);  // base 0: a leading 0 means octal
+  while (end && (*end == ' ' || *end == '\t')) ++end;
+  if (errno != 0 || end == begin || *end != '\0' || value < 0 || value > 0777) {
+    WZ_LOG(-1, "mode_t FXFile::CreatedFileMode()", __LINE__,
+          "Ignoring the setting nWzScanDBFileMode = \"%s\": not permission bits (e.g. 0600); "
+          "files are created with mode 0600",
+          text.c_str());
+    return kDefault;
+  }
+  return static_cast<mode_t>(value);
+}

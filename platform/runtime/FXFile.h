@@ -17,10 +17,16 @@
 //                                included); kCopyReplaceExisting (1) replaces it.
 //                                The copy is made in the kernel where it can
 //                                (copy_file_range), fsync'ed, and created with
-//                                owner-only permissions (0600). With flag 1 the
+//                                owner-only permissions (CreatedFileMode()). With flag 1 the
 //                                copy is built under a temporary name and
 //                                renamed over `to`, so `to` is never partial.
 //                                A failed copy removes what it created.
+//  CreatedFileMode()             permission bits of the files the agent creates
+//                                (database files, copies): 0600, or the setting
+//                                "nWzScanDBFileMode" of section "~FileSystemAgent"
+//                                (octal with a leading 0, e.g. 0640, or decimal;
+//                                permission bits only, anything else is ignored
+//                                with a warning). The process umask still applies.
 #pragma once
 
 #include <sys/stat.h>
@@ -41,6 +47,7 @@ enum : unsigned {
 WZRT_API CKoError RemoveFile(const std::string& path);
 WZRT_API CKoError WZMoveFileEx(const std::string& from, const std::string& to, unsigned flags);
 WZRT_API CKoError WZCopyFile(const std::string& from, const std::string& to, unsigned flags);
+WZRT_API mode_t CreatedFileMode();
 // True when `path` names an existing directory entry of any kind (lstat).
 WZRT_API bool Exists(const std::string& path);
 

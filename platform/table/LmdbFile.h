@@ -31,7 +31,8 @@ class LmdbFile {
   LmdbFile(const LmdbFile&) = delete;
   LmdbFile& operator=(const LmdbFile&) = delete;
 
-  // Opens (or, with `create`, exclusively creates with mode 0600) the file.
+  // Opens (or, with `create`, exclusively creates with FXFile::CreatedFileMode(),
+  // 0600 unless the settings say otherwise) the file.
   // TBL_FILE_MISSING / TBL_FILE_EXISTS / TBL_BAD_FORMAT (not a regular file,
   // a symlink) / TBL_IO_ERROR.
   int openFile(const std::string& path, bool create, bool readOnly);

@@ -19,7 +19,8 @@
 // type, a field outside the record, an integer segment shorter than its field,
 // segments that do not add up to the key length: TBL_BAD_SCHEMA.
 //
-// Files. create() makes both files (mode 0600, never through a symlink;
+// Files. create() makes both files (mode 0600, or the setting nWzScanDBFileMode
+// of section ~FileSystemAgent: FXFile::CreatedFileMode(); never through a symlink;
 // TBL_FILE_EXISTS when either exists) and leaves the table open. open(1) opens
 // them read-write, open(2) read-only. It answers TBL_FILE_MISSING when either
 // is absent, TBL_BAD_FORMAT for anything that is not a table file of this
