@@ -42,6 +42,9 @@ int statusFromErrno(int err) {
     case ENOENT: return TBL_FILE_MISSING;
     case EEXIST: return TBL_FILE_EXISTS;
     case ELOOP: return TBL_BAD_FORMAT;
+    case EACCES:
+    case EPERM:
+    case EROFS: return TBL_ACCESS_DENIED;
     case ENOSPC:
     case EFBIG:
     case EDQUOT: return TBL_FILE_FULL;

@@ -24,6 +24,8 @@ const char* TCtreeTable::errToString(int status) {
     case TBL_NOT_DEFINED: return "table schema not defined";
     case TBL_FILES_MISMATCH: return "data and index files belong to different tables";
     case TBL_READ_ONLY: return "table opened read-only";
+    case TBL_ACCESS_DENIED:
+      return "access denied: no permission on a table file or its directory, or a read-only file system";
     default: break;
   }
   // One buffer per thread: the text stays valid until this thread asks again.
