@@ -2,6 +2,7 @@
 #include <cstring>
 #include <memory>
 
+#include "WzScanDB/RecordTypeCheck.h"
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/FXErrorUtil.h"
@@ -60,6 +61,13 @@ CKoError WzScanDB::checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr
   if (!in)
     return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigCheck, __LINE__), 22,
                                    "Input Record pointer is NULL");
+  // Every add, update and delete looks its record up here first, so a record
+  // of another type is refused before anything is read into it or written.
+  for (const WzScanDBRecordBasePtr* record : {&in, &out}) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(
+        recordPrototype, *record, FXCodeLocation(kSource, kSigCheck, __LINE__));
+    if (typeError.IsError()) return typeError;
+  }
 
   found = true;
 

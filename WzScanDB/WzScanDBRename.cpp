@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "WzScanDB/RecordTypeCheck.h"
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXPath.h"
@@ -69,6 +70,13 @@ CKoError WzScanDB::renameByKey(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBa
   if (!oldRecord || !newRecord)
     return FXErrorUtil::ErrorErrNo(At(kRenameByKeySig, site::kByKeyNull), 22,
                                    "One or both of the given records for Rename is NULL");
+  // The old record is deleted before the new one is added: a new record that
+  // the add would refuse for its type must be refused before anything changes.
+  if (recordPrototype) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(
+        recordPrototype, newRecord, At(kRenameByKeySig, site::kByKeyNull));
+    if (typeError.IsError()) return typeError;
+  }
 
   WzScanDBRecordBasePtr stored = oldRecord->Clone();
   bool found = false;

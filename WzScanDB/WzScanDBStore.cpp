@@ -1,4 +1,5 @@
 // WzScanDB single-record operations, the reference time and the root record.
+#include "WzScanDB/RecordTypeCheck.h"
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/FXErrorUtil.h"
@@ -128,6 +129,11 @@ CKoError WzScanDB::addRecordWithoutCheck(WzScanDBRecordBasePtr record) {
   if (!record)
     return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigAddWithoutCheck, __LINE__), 22,
                                    "The given record to add is NULL");
+  if (recordPrototype) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(
+        recordPrototype, record, FXCodeLocation(kSource, kSigAddWithoutCheck, __LINE__));
+    if (typeError.IsError()) return typeError;
+  }
   // Deliberately no initializeCheck(): the engine reports a table that is
   // not open.
   CAutoTimeCounter timer(performanceCounter ? performanceCounter->GetCounter(ADD_RECORD)
