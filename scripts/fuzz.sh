@@ -4,9 +4,11 @@
 #
 #   scripts/fuzz.sh [seconds-per-target]
 #
-# A crash leaves its input as build/fuzz/artifacts/<target>/crash-*; turn it
-# into a regression test under tests/hostile/inputs/. The exit status is 0
-# only when no target found a crash, a leak or a timeout.
+# Each target runs in libFuzzer's fork mode, which carries on after a crash:
+# every crash, leak or timeout leaves its input as
+# build/fuzz/artifacts/<target>/{crash,leak,timeout}-*; turn each into a
+# regression test under tests/hostile/inputs/. The exit status is 0 only when
+# no target found anything new.
 set -u
 seconds=${1:-60}
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,7 +20,7 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Re
   >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 2; }
 cmake --build "$build" --target "${targets[@]}" -j2 || exit 2
 
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
 status=0
 summary=()
 for target in "${targets[@]}"; do
@@ -28,15 +30,20 @@ for target in "${targets[@]}"; do
   if [ "$target" = fuzz_table_files ] && [ -z "$(ls -A "$corpus")" ]; then
     WZ_FUZZ_WRITE_SEEDS=$corpus "$build/fuzz/$target" || exit 2
   fi
+  before=$(ls "$artifacts" | wc -l)
   log=$build/$target.log
-  "$build/fuzz/$target" "$corpus" -max_total_time="$seconds" -max_len=262144 -timeout=20 \
-    -rss_limit_mb=2048 -artifact_prefix="$artifacts/" -print_final_stats=1 >"$log" 2>&1
+  # One forked worker that is restarted after a crash, so that one finding
+  # does not end the run: every crash input lands in $artifacts.
+  "$build/fuzz/$target" "$corpus" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
+    -max_total_time="$seconds" -max_len=262144 -timeout=20 -rss_limit_mb=2048 \
+    -artifact_prefix="$artifacts/" >"$log" 2>&1
   rc=$?
-  execs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$')
-  rate=$(grep -o 'stat::average_exec_per_sec: *[0-9]*' "$log" | grep -o '[0-9]*$')
-  cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | grep -o '[0-9]*')
-  found=$(ls "$artifacts" | wc -l)
-  summary+=("$target: exit $rc, ${execs:-?} runs, ${rate:-?} exec/s, coverage ${cov:-?} edges, corpus $(ls "$corpus" | wc -l), findings $found")
+  last=$(grep -E '^#[0-9]+: cov:' "$log" | tail -1)
+  runs=$(sed -E 's/^#([0-9]+):.*/\1/' <<<"$last")
+  rate=$(grep -oE 'exec/s: [0-9]+' <<<"$last" | grep -oE '[0-9]+')
+  cov=$(grep -oE 'cov: [0-9]+' <<<"$last" | grep -oE '[0-9]+')
+  found=$(( $(ls "$artifacts" | wc -l) - before ))
+  summary+=("$target: exit $rc, ${runs:-?} runs, ${rate:-?} exec/s, coverage ${cov:-?} edges, corpus $(ls "$corpus" | wc -l) inputs, $found new findings (in $artifacts)")
   if [ $rc -ne 0 ] || [ "$found" -ne 0 ]; then status=1; fi
 done
 printf '%s\n' "${summary[@]}"
