@@ -23,8 +23,10 @@
 // of section ~FileSystemAgent: FXFile::CreatedFileMode(); never through a symlink;
 // TBL_FILE_EXISTS when either exists) and leaves the table open. open(1) opens
 // them read-write, open(2) read-only. It answers TBL_FILE_MISSING when either
-// is absent, TBL_BAD_FORMAT for anything that is not a table file of this
-// engine (checked before LMDB maps it), TBL_SCHEMA_MISMATCH when the files hold
+// is absent, TBL_ACCESS_DENIED (create too) when the process may not open or
+// make them (permissions, a read-only file system), TBL_BAD_FORMAT for
+// anything that is not a table file of this engine (checked before LMDB maps
+// it; pages past the two meta pages are trusted), TBL_SCHEMA_MISMATCH when the files hold
 // another schema, TBL_FILES_MISMATCH when the index file belongs to another
 // table (each create() stamps both files with one random table id); a failed
 // open leaves the files as they were. An index file that is behind its data
