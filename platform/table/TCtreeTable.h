@@ -74,11 +74,12 @@
 // Index maintenance: suspendIndexing() makes writes touch only the data file
 // (no unique-key checks) and marks the indexes stale; index reads answer
 // TBL_INDEX_SUSPENDED, physical (-1) reads work. resumeIndexingAndRebuild()
-// rebuilds every index from the data file as a bulk load: keys are sorted in
-// runs of at most 64 MiB (setRebuildMemoryLimit), spilled to unlinked
-// temporary files next to the table, merged and appended in order; the
-// merge's read buffers share the same bound, so a rebuild needs about twice
-// that much memory whatever the table's size.
+// rebuilds every index from the data file as a bulk load: one pass over the
+// data file sorts the keys of all indexes in runs that together take at most
+// 64 MiB (setRebuildMemoryLimit), spilled to one unlinked temporary file next
+// to the table; each index's runs are then merged and appended in order. The
+// merge's read buffers stay within the same bound, so a rebuild needs that
+// much memory plus a few MiB of transaction buffers, whatever the table's size.
 //
 // Thread safety: a table object is not thread-safe; its owner serialises all
 // calls. Two table objects (or processes) cannot hold the same files open:
@@ -229,7 +230,7 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   int64_t currentRecordNumber() const;
   // Records in the data file, or a negated status.
   int64_t numberOfRecords();
-  // Memory bound of one index rebuild's sort run (default 64 MiB).
+  // Memory bound of an index rebuild's sorting (default 64 MiB).
   void setRebuildMemoryLimit(size_t bytes);
 
   static const char* errToString(int status);

@@ -7,9 +7,11 @@
 #include <lmdb.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "ExternalSorter.h"
 #include "LmdbFile.h"
 #include "TableSchema.h"
 #include "table/TCtreeTable.h"
@@ -130,7 +132,8 @@ struct TCtreeTable::Impl {
 
   // ---- maintenance (TableRebuild.cpp) ----
   int rebuild();
-  int rebuildOne(int idx);
+  int sortAllIndexes(std::vector<std::unique_ptr<wztable::ExternalSorter>>& sorters);
+  int loadIndex(int idx, wztable::ExternalSorter& sorter);
   int consistency(std::string* report);
 };
 

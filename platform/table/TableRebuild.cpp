@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "ExternalSorter.h"
 #include "KeyCodec.h"
@@ -32,37 +33,51 @@ uint64_t getBigEndian(const uint8_t* in) {
 
 }  // namespace
 
-int TCtreeTable::Impl::rebuildOne(int idx) {
+int TCtreeTable::Impl::sortAllIndexes(std::vector<std::unique_ptr<ExternalSorter>>& sorters) {
+  // One pass over the data file feeds every index's sorter; the memory bound
+  // is shared among them.
+  const size_t share = rebuildMemory / indexDbi.size();
+  std::vector<std::vector<uint8_t>> entries(indexDbi.size());
+  for (size_t i = 0; i < indexDbi.size(); ++i) {
+    const size_t keyLength = static_cast<size_t>(schema.indexes()[i].keyLength);
+    sorters.emplace_back(new ExternalSorter(keyLength + 8, share, name));
+    entries[i].resize(keyLength + 8);
+  }
+  int status = beginRead(true, false);
+  if (status != TBL_OK) return status;
+  ReadScope scope{*this};
+  MDB_val k, v;
+  int rc = mdb_cursor_get(recordCursor, &k, &v, MDB_FIRST);
+  while (rc == MDB_SUCCESS) {
+    uint64_t recno;
+    std::memcpy(&recno, k.mv_data, sizeof recno);
+    expand(v, image.data());
+    for (size_t i = 0; i < indexDbi.size(); ++i) {
+      uint8_t* entry = entries[i].data();
+      const size_t keyLength = entries[i].size() - 8;
+      // Entry: the full key, then the record number big-endian, so that one
+      // memcmp orders entries by (key, record number).
+      buildRecordKey(schema, static_cast<int>(i), image.data(), entry);
+      putBigEndian(recno, entry + keyLength);
+      status = sorters[i]->add(entry);
+      if (status != TBL_OK) return status;
+    }
+    rc = mdb_cursor_get(recordCursor, &k, &v, MDB_NEXT);
+  }
+  if (rc != MDB_NOTFOUND) return statusFromMdb(rc);
+  for (auto& sorter : sorters) {
+    status = sorter->finish();
+    if (status != TBL_OK) return status;
+  }
+  return TBL_OK;
+}
+
+int TCtreeTable::Impl::loadIndex(int idx, ExternalSorter& sorter) {
   const TableIndex& ix = schema.indexes()[idx];
   const size_t keyLength = static_cast<size_t>(ix.keyLength);
-  const size_t entrySize = keyLength + 8;  // full key, then record number big-endian
+  const size_t entrySize = keyLength + 8;
   const MDB_dbi dbi = indexDbi[idx];
-
-  int status = write(index, [&](MDB_txn* txn) { return mdb_drop(txn, dbi, 0); });
-  if (status != TBL_OK) return status;
-
-  ExternalSorter sorter(entrySize, rebuildMemory, name);
-  {
-    status = beginRead(true, false);
-    if (status != TBL_OK) return status;
-    ReadScope scope{*this};
-    std::vector<uint8_t> entry(entrySize);
-    MDB_val k, v;
-    int rc = mdb_cursor_get(recordCursor, &k, &v, MDB_FIRST);
-    while (rc == MDB_SUCCESS) {
-      uint64_t recno;
-      std::memcpy(&recno, k.mv_data, sizeof recno);
-      expand(v, image.data());
-      buildRecordKey(schema, idx, image.data(), entry.data());
-      putBigEndian(recno, entry.data() + keyLength);
-      status = sorter.add(entry.data());
-      if (status != TBL_OK) return status;
-      rc = mdb_cursor_get(recordCursor, &k, &v, MDB_NEXT);
-    }
-    if (rc != MDB_NOTFOUND) return statusFromMdb(rc);
-  }
-  status = sorter.finish();
-  if (status != TBL_OK) return status;
+  int status = TBL_OK;
 
   // Sorted entries are appended chunk by chunk; the key of the entry before
   // a chunk decides whether its first entry is a new key or a duplicate.
@@ -120,10 +135,19 @@ int TCtreeTable::Impl::rebuild() {
   int status = setIndexState(0, true);
   if (status != TBL_OK) return status;
   suspended = true;
-  for (size_t i = 0; i < indexDbi.size(); ++i) {
-    status = rebuildOne(static_cast<int>(i));
-    if (status != TBL_OK) return status;
+  status = write(index, [&](MDB_txn* txn) {
+    int rc = MDB_SUCCESS;
+    for (size_t i = 0; rc == MDB_SUCCESS && i < indexDbi.size(); ++i) rc = mdb_drop(txn, indexDbi[i], 0);
+    return rc;
+  });
+  if (status != TBL_OK) return status;
+  std::vector<std::unique_ptr<ExternalSorter>> sorters;
+  status = sortAllIndexes(sorters);
+  for (size_t i = 0; status == TBL_OK && i < indexDbi.size(); ++i) {
+    status = loadIndex(static_cast<int>(i), *sorters[i]);
+    sorters[i].reset();  // frees its memory and its run file
   }
+  if (status != TBL_OK) return status;
   status = setIndexState(data.lastTxnId(), false);
   if (status != TBL_OK) return status;
   suspended = false;
