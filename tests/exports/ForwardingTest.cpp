@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <functional>
+#include <stdexcept>
 
 #include "ExportsTestSupport.h"
 
@@ -298,6 +299,44 @@ TEST_F(ExportsTest, EveryFailureIsTheForwardedOperationsOwnError) {
     c.exported(exported);
     ExpectSameError(direct, exported, c.name);
   }
+}
+
+}  // namespace
+}  // namespace exportstest
+
+namespace exportstest {
+namespace {
+
+// A generic record that refuses to be cloned, which every lookup does first.
+class UncloneableRecord : public WzScanDBRecord {
+ public:
+  UncloneableRecord(const std::string& path, bool isDir) : WzScanDBRecord(path, isDir, 0) {}
+  WzScanDBRecordBasePtr Clone() override { throw std::runtime_error("clone refused"); }
+};
+
+// Nothing is caught: the exception reaches the caller, and the function's
+// own copies of the record handles are gone by then.
+TEST_F(ExportsTest, ExceptionsPassThroughAndReleaseTheCopies) {
+  TempDir dir;
+  WzScanDBPtr h = OpenGeneric(dir.path());
+  WzScanDBRecordBasePtr record(new UncloneableRecord("/f", false));
+  WzScanDBRecordBasePtr target = Generic("/g", false);
+  CKoError err;
+  EXPECT_THROW(WzScanDBObjectAddDBRecord(h, record, err), std::runtime_error);
+  EXPECT_EQ(1, record.use_count());
+  EXPECT_THROW(WzScanDBObjectRenameByKey(h, record, target, err), std::runtime_error);
+  EXPECT_EQ(1, record.use_count());
+  EXPECT_EQ(1, target.use_count());
+  EXPECT_THROW(WzScanDBObjectRenameFolder(h, WzScanDBRecordBasePtr(new UncloneableRecord("/d", true)),
+                                          target, "/d", "/e", err),
+               std::runtime_error);
+  EXPECT_EQ(1, target.use_count());
+
+  // The database goes on working after the exceptions.
+  Add(h, "/f", false);
+  EXPECT_TRUE(Stored(h, "/f"));
+  WzScanDBObjectClose(h, err);
+  EXPECT_TRUE(err.IsSuccess());
 }
 
 }  // namespace
