@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -56,6 +58,8 @@ TEST(ScanKilledTest, KilledScansLeaveAnOpenableConsistentDatabase) {
   const std::vector<std::string> scan{"scan", tree, "--db", database, "--list", "0"};
   const int rounds = Rounds(3);
   int killedMidway = 0;
+  // Kills fall in the first 90% of the last complete scan's duration.
+  unsigned scanMs = 3000;
   for (int round = 0; round < rounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     if (round > 0) {  // new entries and gone ones for the rescan to write
@@ -66,7 +70,7 @@ TEST(ScanKilledTest, KilledScansLeaveAnOpenableConsistentDatabase) {
       std::vector<std::string> argv{WZSCANDB_TOOL};
       argv.insert(argv.end(), scan.begin(), scan.end());
       ChildProcess tool(argv, false);
-      SleepMs(std::uniform_int_distribution<unsigned>(10, 5000)(rng));
+      SleepMs(std::uniform_int_distribution<unsigned>(10, scanMs * 9 / 10)(rng));
       tool.Kill();
       if (tool.Wait() == -1) ++killedMidway;
     }
@@ -79,7 +83,12 @@ TEST(ScanKilledTest, KilledScansLeaveAnOpenableConsistentDatabase) {
       WzScanDBObjectClose(db, err);
       ASSERT_TRUE(err.IsSuccess()) << err.AsString();
     }
+    const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(0, RunTool(scan));
+    scanMs = static_cast<unsigned>(std::max<long long>(
+        20, std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - start)
+                .count()));
     ASSERT_EQ(0, RunTool({"validate", database}));
   }
   std::cout << killedMidway << " of " << rounds << " scans killed before they ended" << std::endl;
