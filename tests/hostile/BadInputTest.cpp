@@ -107,6 +107,16 @@ TEST_F(BadInput, RecordsOfAnotherTypeAreRefusedAndNothingIsWritten) {
   ASSERT_TRUE(db->checkDBRecord(Generic("/a/x"), Generic(""), found).IsSuccess());
   EXPECT_TRUE(found);
   EXPECT_EQ(db->checkConsistency(), TBL_OK);
+
+  // A type derived from the database's keeps its record image: accepted.
+  struct SpecialisedRecord : WzScanDBRecord {
+    using WzScanDBRecord::WzScanDBRecord;
+  };
+  auto special = boost::make_shared<SpecialisedRecord>("/a/special", false, 0);
+  ASSERT_TRUE(db->addFile(special).IsSuccess());
+  ASSERT_TRUE(db->checkDBRecord(Generic("/a/special"), special->Clone(), found).IsSuccess());
+  EXPECT_TRUE(found);
+  EXPECT_EQ(Snapshot().size(), before.size() + 1);
 }
 
 TEST_F(BadInput, NamesAreStoredByteForByte) {
