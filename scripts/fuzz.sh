@@ -40,7 +40,7 @@ for target in "${targets[@]}"; do
   rc=$?
   last=$(grep -E '^#[0-9]+: cov:' "$log" | tail -1)
   runs=$(sed -E 's/^#([0-9]+):.*/\1/' <<<"$last")
-  rate=$(grep -oE 'exec/s: [0-9]+' <<<"$last" | grep -oE '[0-9]+')
+  rate=$(grep -oE 'exec/s:? [0-9]+' <<<"$last" | grep -oE '[0-9]+$')
   cov=$(grep -oE 'cov: [0-9]+' <<<"$last" | grep -oE '[0-9]+')
   found=$(( $(ls "$artifacts" | wc -l) - before ))
   summary+=("$target: exit $rc, ${runs:-?} runs, ${rate:-?} exec/s, coverage ${cov:-?} edges, corpus $(ls "$corpus" | wc -l) inputs, $found new findings (in $artifacts)")
