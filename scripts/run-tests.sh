@@ -4,16 +4,20 @@
 # any report fails the test). The asan test preset leaves out the tests
 # labelled "slow" (the killed-process rounds: scans of a 100 000-entry tree
 # that take many minutes under the sanitizers); they run in release.
-# Builds use at most 2 jobs (see CMakePresets.json). The whole run from a
-# clean clone takes about 25 minutes on 2 cores.
+# Both test passes run even when the first fails; the exit status is
+# non-zero when either failed. Builds use at most 2 jobs (CMakePresets.json).
+# From a clean clone on 2 shared cores: about 16 minutes for release (build
+# and tests) and 8 for asan.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
 
+status=0
 cmake --preset release
 cmake --build --preset release
-ctest --preset release
+ctest --preset release || status=1
 
 cmake --preset asan
 cmake --build --preset asan
-ctest --preset asan
+ctest --preset asan || status=1
+exit $status
