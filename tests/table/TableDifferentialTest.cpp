@@ -136,7 +136,7 @@ class Generator {
     std::memcpy(image.data() + at, &v, 8);
   }
 
-  const SchemaSpec& spec_;
+  const SchemaSpec spec_;  // a copy: callers pass temporaries
   bool generic_;
   std::mt19937_64 rng_;
   std::vector<std::vector<uint8_t>> guids_, parents_;
