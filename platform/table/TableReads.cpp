@@ -221,7 +221,7 @@ int TCtreeTable::Impl::edgeRead(int idx, void* buffer, bool first) {
 bool TCtreeTable::Impl::inSet(const MDB_val& key) const {
   const size_t p = set.prefix.size();
   const size_t n = std::min(key.mv_size, p);
-  if (std::memcmp(key.mv_data, set.prefix.data(), n) != 0) return false;
+  if (n != 0 && std::memcmp(key.mv_data, set.prefix.data(), n) != 0) return false;
   // Trailing zeros a compressed key dropped are part of the prefix's match.
   for (size_t i = n; i < p; ++i)
     if (set.prefix[i] != 0) return false;

@@ -13,8 +13,11 @@ endfunction()
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
 
 # 1. find_package(WzScanDB) and WzScanDB::WzScanDB
+# The consumer is built with the flags of the build under test, so that a
+# sanitizer build links its runtime into the consumer as well.
 run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/cmake-build -G Ninja
-    -DCMAKE_PREFIX_PATH=${PREFIX} -DCMAKE_CXX_COMPILER=${CXX})
+    -DCMAKE_PREFIX_PATH=${PREFIX} -DCMAKE_CXX_COMPILER=${CXX}
+    "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${LINK_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 run(${WORK_DIR}/cmake-build/consumer)
 if(NOT LAST_OUTPUT MATCHES "0x[0-9A-F]+")
@@ -33,7 +36,8 @@ run(pkg-config --cflags --libs wzscandb)
 string(STRIP "${LAST_OUTPUT}" PC_FLAGS)
 separate_arguments(PC_FLAGS UNIX_COMMAND "${PC_FLAGS}")
 get_filename_component(LIB_DIR ${PC_DIR} DIRECTORY)
-run(${CXX} -std=c++17 ${CONSUMER_DIR}/main.cpp ${PC_FLAGS} -Wl,-rpath,${LIB_DIR}
+separate_arguments(EXTRA_FLAGS UNIX_COMMAND "${CXX_FLAGS} ${LINK_FLAGS}")
+run(${CXX} -std=c++17 ${EXTRA_FLAGS} ${CONSUMER_DIR}/main.cpp ${PC_FLAGS} -Wl,-rpath,${LIB_DIR}
     -o ${WORK_DIR}/consumer-pc)
 run(${WORK_DIR}/consumer-pc)
 if(NOT LAST_OUTPUT MATCHES "0x[0-9A-F]+")
