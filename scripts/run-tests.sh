@@ -6,8 +6,8 @@
 # run with: ctest --preset asan --label-exclude slow.
 # Both test passes run even when the first fails; the exit status is
 # non-zero when either failed. Builds use at most 2 jobs (CMakePresets.json).
-# From a clean clone on 2 shared cores: about 16 minutes for release (build
-# and tests) and 9 for asan.
+# From a clean clone on an otherwise idle 2-core machine: about 10 minutes
+# for both builds and both test passes together.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install-deps.sh
