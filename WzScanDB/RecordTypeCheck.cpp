@@ -36,7 +36,7 @@ CKoError WzScanDBInternal::CheckRecordType(const WzScanDBRecordBasePtr& prototyp
   const std::type_info& given = typeid(*record);
   if (expected == given) return CKoError();
   // A type derived from the prototype's (or the prototype's derived from the
-  // record's) keeps the same record image: a specialised record, or a test
+  // record's) keeps the same record image: a derived record, or a test
   // double. Only unrelated record types are refused.
   if (IsA(given, dynamic_cast<const void*>(record.get()), expected) ||
       IsA(expected, dynamic_cast<const void*>(prototype.get()), given))

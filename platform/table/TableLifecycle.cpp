@@ -1,4 +1,4 @@
-// Schema definition, create / open / close, index state, introspection.
+// Schema definition, create / open / close, index state, queries.
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -463,7 +463,7 @@ int TCtreeTable::processIndexVersionExternal(int&) { return TBL_NOT_SUPPORTED; }
 int TCtreeTable::processTableVersionExternal(int&) { return TBL_NOT_SUPPORTED; }
 
 // ---------------------------------------------------------------------------
-// Schema introspection
+// Schema queries
 
 namespace {
 int copyName(const std::string& name, char* buffer, unsigned int size) {

@@ -109,12 +109,12 @@ TEST_F(BadInput, RecordsOfAnotherTypeAreRefusedAndNothingIsWritten) {
   EXPECT_EQ(db->checkConsistency(), TBL_OK);
 
   // A type derived from the database's keeps its record image: accepted.
-  struct SpecialisedRecord : WzScanDBRecord {
+  struct DerivedRecord : WzScanDBRecord {
     using WzScanDBRecord::WzScanDBRecord;
   };
-  auto special = boost::make_shared<SpecialisedRecord>("/a/special", false, 0);
-  ASSERT_TRUE(db->addFile(special).IsSuccess());
-  ASSERT_TRUE(db->checkDBRecord(Generic("/a/special"), special->Clone(), found).IsSuccess());
+  auto derived = boost::make_shared<DerivedRecord>("/a/derived", false, 0);
+  ASSERT_TRUE(db->addFile(derived).IsSuccess());
+  ASSERT_TRUE(db->checkDBRecord(Generic("/a/derived"), derived->Clone(), found).IsSuccess());
   EXPECT_TRUE(found);
   EXPECT_EQ(Snapshot().size(), before.size() + 1);
 }

@@ -29,8 +29,8 @@ uint64_t envOr(const char* name, uint64_t fallback) {
 
 class Generator {
  public:
-  Generator(const SchemaSpec& spec, bool generic, uint64_t seed)
-      : spec_(spec), generic_(generic), rng_(seed) {
+  Generator(const SchemaLayout& layout, bool generic, uint64_t seed)
+      : layout_(layout), generic_(generic), rng_(seed) {
     for (int i = 0; i < 300; ++i) guids_.push_back(randomBytes(16));
     parents_.push_back(std::vector<uint8_t>(16, 0));
     for (int i = 0; i < 5; ++i) parents_.push_back(randomBytes(16));
@@ -81,7 +81,7 @@ class Generator {
   }
 
   std::vector<uint8_t> record() {
-    std::vector<uint8_t> image(spec_.recordSize, 0);
+    std::vector<uint8_t> image(layout_.recordSize, 0);
     if (generic_) {
       const auto& guid = guids_[below(guids_.size())];
       std::memcpy(image.data(), guid.data(), 16);
@@ -136,7 +136,7 @@ class Generator {
     std::memcpy(image.data() + at, &v, 8);
   }
 
-  const SchemaSpec spec_;  // a copy: callers pass temporaries
+  const SchemaLayout layout_;  // a copy: callers pass temporaries
   bool generic_;
   std::mt19937_64 rng_;
   std::vector<std::vector<uint8_t>> guids_, parents_;
@@ -147,11 +147,11 @@ class Generator {
 
 class Differential {
  public:
-  Differential(const SchemaSpec& spec, bool generic, uint64_t seed)
-      : spec_(spec), model_(spec), gen_(spec, generic, seed), name_(dir_ / "diff") {
-    EXPECT_EQ(defineSchema(table_, name_, spec_), TBL_OK);
+  Differential(const SchemaLayout& layout, bool generic, uint64_t seed)
+      : layout_(layout), model_(layout), gen_(layout, generic, seed), name_(dir_ / "diff") {
+    EXPECT_EQ(defineSchema(table_, name_, layout_), TBL_OK);
     EXPECT_EQ(table_.create(), TBL_OK);
-    buffer_.resize(spec_.recordSize);
+    buffer_.resize(layout_.recordSize);
   }
 
   void run(uint64_t ops) {
@@ -184,7 +184,7 @@ class Differential {
 
  private:
   int randomIndex(bool physical) {
-    int n = static_cast<int>(spec_.indexes.size());
+    int n = static_cast<int>(layout_.indexes.size());
     return physical ? static_cast<int>(gen_.below(n + 1)) - 1 : static_cast<int>(gen_.below(n));
   }
 
@@ -235,7 +235,7 @@ class Differential {
   std::vector<uint8_t> searchKey(int index) {
     auto image = someImage();
     int status = 0;
-    auto key = engineKey(table_, spec_, index, image.data(), &status);
+    auto key = engineKey(table_, layout_, index, image.data(), &status);
     EXPECT_EQ(status, TBL_OK);
     std::string modelKey = model_.keyOf(image, index);
     EXPECT_EQ(std::string(key.begin(), key.end()), modelKey) << trace_ << " key transform";
@@ -297,11 +297,11 @@ class Differential {
 
   void setRead() {
     const int index = randomIndex(false);
-    const int keyLength = spec_.indexes[index].keyLength;
+    const int keyLength = layout_.indexes[index].keyLength;
     auto key = searchKey(index);
     const int lengths[] = {0, 1, keyLength / 3, keyLength / 2, keyLength - 1, keyLength};
     int prefix = lengths[gen_.below(6)];
-    if (spec_.indexes[index].numSegments > 1 && gen_.chance(50)) prefix = spec_.segments[spec_.indexes[index].firstSegment].size;
+    if (layout_.indexes[index].numSegments > 1 && gen_.chance(50)) prefix = layout_.segments[layout_.indexes[index].firstSegment].size;
     std::string p(key.begin(), key.begin() + prefix);
     uint64_t recno = 0;
     const bool first = gen_.chance(50);
@@ -386,7 +386,7 @@ class Differential {
   }
 
   TempDir dir_;
-  SchemaSpec spec_;
+  SchemaLayout layout_;
   TableModel model_;
   Generator gen_;
   std::string name_;

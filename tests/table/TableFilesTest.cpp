@@ -185,10 +185,10 @@ TEST(TableFiles, RecordNumbersAreNeverReused) {
 TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
   TempDir dir;
   TCtreeTable table;
-  const SchemaSpec spec = smallSchema();
+  const SchemaLayout layout = smallSchema();
   std::vector<uint8_t> out(64);
   EXPECT_EQ(table.firstRecord(0, out.data()), TBL_NOT_OPEN);
-  ASSERT_EQ(createTable(table, dir / "t", spec), TBL_OK);
+  ASSERT_EQ(createTable(table, dir / "t", layout), TBL_OK);
   auto a = smallRecord(10, 1, 100, "a"), b = smallRecord(20, 1, 200, "b"), c = smallRecord(30, 2, 300, "c");
   for (auto* r : {&a, &b, &c}) ASSERT_EQ(table.addRecord(r->data()), TBL_OK);
 
@@ -200,7 +200,7 @@ TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
   EXPECT_EQ(table.firstRecord(0, nullptr), TBL_BAD_ARGUMENT);
 
   // Bypass: reads return records but leave the current record where it was.
-  auto key = engineKey(table, spec, 0, a.data());
+  auto key = engineKey(table, layout, 0, a.data());
   ASSERT_EQ(table.getRecord(0, key.data(), out.data()), TBL_OK);
   table.setBypassMode(true);
   EXPECT_TRUE(table.getBypassMode());
@@ -233,7 +233,7 @@ TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
   auto moved = b;
   uint64_t newId = 5;
   std::memcpy(moved.data(), &newId, 8);
-  ASSERT_EQ(table.getRecord(0, engineKey(table, spec, 0, b.data()).data(), out.data()), TBL_OK);
+  ASSERT_EQ(table.getRecord(0, engineKey(table, layout, 0, b.data()).data(), out.data()), TBL_OK);
   ASSERT_EQ(table.modifyRecord(moved.data()), TBL_OK);
   ASSERT_EQ(table.nextRecord(0, out.data()), TBL_OK);
   EXPECT_EQ(out, c);

@@ -10,11 +10,11 @@ using namespace tabletest;
 TEST(TableKeys, IntegersBecomeBigEndianAndAreNeverCaseFolded) {
   TempDir dir;
   TCtreeTable table;
-  const SchemaSpec spec = smallSchema();
-  ASSERT_EQ(createTable(table, dir / "t", spec), TBL_OK);
+  const SchemaLayout layout = smallSchema();
+  ASSERT_EQ(createTable(table, dir / "t", layout), TBL_OK);
 
   auto a = smallRecord(0x0102030405060708ull, 1, 0x41, "x");
-  auto key = engineKey(table, spec, 0, a.data());
+  auto key = engineKey(table, layout, 0, a.data());
   EXPECT_EQ(key, (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8}));
 
   // Inodes 0x41 and 0x61 ('A' and 'a' as bytes) stay apart on the inode index.
@@ -22,7 +22,7 @@ TEST(TableKeys, IntegersBecomeBigEndianAndAreNeverCaseFolded) {
   ASSERT_EQ(table.addRecord(a.data()), TBL_OK);
   ASSERT_EQ(table.addRecord(b.data()), TBL_OK);
   std::vector<uint8_t> out(64);
-  auto inodeKey = engineKey(table, spec, 2, b.data());
+  auto inodeKey = engineKey(table, layout, 2, b.data());
   EXPECT_EQ(inodeKey, (std::vector<uint8_t>{0, 0, 0, 0x61}));
   ASSERT_EQ(table.getRecord(2, inodeKey.data(), out.data()), TBL_OK);
   EXPECT_EQ(out, b);
@@ -44,7 +44,7 @@ TEST(TableKeys, IntegersBecomeBigEndianAndAreNeverCaseFolded) {
 
 TEST(TableKeys, StringsFoldOnlyInCaseInsensitiveSegments) {
   TempDir dir;
-  const SchemaSpec small = smallSchema();
+  const SchemaLayout small = smallSchema();
   TCtreeTable folded;
   ASSERT_EQ(createTable(folded, dir / "small", small), TBL_OK);
   auto lower = smallRecord(1, 5, 1, "readme.txt");
@@ -60,7 +60,7 @@ TEST(TableKeys, StringsFoldOnlyInCaseInsensitiveSegments) {
   ASSERT_EQ(folded.nextRecord(1, out.data()), TBL_OK);
   EXPECT_EQ(out, upper);
 
-  const SchemaSpec generic = genericSchema();
+  const SchemaLayout generic = genericSchema();
   TCtreeTable exact;
   ASSERT_EQ(createTable(exact, dir / "generic", generic), TBL_OK);
   auto a = genericRecord(1, 9, "readme.txt");
@@ -71,8 +71,8 @@ TEST(TableKeys, StringsFoldOnlyInCaseInsensitiveSegments) {
 TEST(TableKeys, CompressedKeysKeepOrderAndMatchPrefixes) {
   TempDir dir;
   TCtreeTable table;
-  const SchemaSpec spec = genericSchema();
-  ASSERT_EQ(createTable(table, dir / "t", spec), TBL_OK);
+  const SchemaLayout layout = genericSchema();
+  ASSERT_EQ(createTable(table, dir / "t", layout), TBL_OK);
   // Names sharing their first 56 bytes give one key; a byte after the
   // terminator makes another, greater one; the all-zero key is stored too.
   const std::string shared(56, 'n');
@@ -100,7 +100,7 @@ TEST(TableKeys, CompressedKeysKeepOrderAndMatchPrefixes) {
 
   // The children of parent 7: a 16-byte prefix set, in key order.
   auto probe = genericRecord(0, 7, "");
-  auto start = engineKey(table, spec, 1, probe.data());
+  auto start = engineKey(table, layout, 1, probe.data());
   std::vector<uint8_t> children;
   for (int rc = table.firstInSet(1, start.data(), out.data(), 16); rc == TBL_OK;
        rc = table.nextInSet(1, out.data()))
@@ -112,8 +112,8 @@ TEST(TableKeys, CompressedKeysKeepOrderAndMatchPrefixes) {
   EXPECT_EQ(out[0], 1);
 
   // Two names equal in their first 56 bytes: one key, two duplicates.
-  auto longKey = engineKey(table, spec, 1, images[0].data());
-  EXPECT_EQ(longKey, engineKey(table, spec, 1, images[1].data()));
+  auto longKey = engineKey(table, layout, 1, images[0].data());
+  EXPECT_EQ(longKey, engineKey(table, layout, 1, images[1].data()));
   ASSERT_EQ(table.getLTERecord(1, longKey.data(), out.data()), TBL_OK);
   EXPECT_EQ(out[0], 2);  // the last duplicate
   ASSERT_EQ(table.getGTRecord(1, longKey.data(), out.data()), TBL_NOT_FOUND);
@@ -122,13 +122,13 @@ TEST(TableKeys, CompressedKeysKeepOrderAndMatchPrefixes) {
 TEST(TableKeys, KeyBuildingChecksItsArguments) {
   TempDir dir;
   TCtreeTable table;
-  const SchemaSpec spec = genericSchema();
+  const SchemaLayout layout = genericSchema();
   std::vector<char> buffer(104, 0x55);
   char* cursor = buffer.data();
   int remaining = 104;
   uint8_t field[255] = {0x61, 0x62};
   EXPECT_EQ(table.fillKeySegment(&cursor, &remaining, field, 0, 0, 0), TBL_NOT_DEFINED);
-  ASSERT_EQ(defineSchema(table, dir / "t", spec), TBL_OK);
+  ASSERT_EQ(defineSchema(table, dir / "t", layout), TBL_OK);
 
   EXPECT_EQ(table.fillKeySegment(nullptr, &remaining, field, 0, 0, 0), TBL_BAD_ARGUMENT);
   EXPECT_EQ(table.fillKeySegment(&cursor, nullptr, field, 0, 0, 0), TBL_BAD_ARGUMENT);

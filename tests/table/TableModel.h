@@ -22,19 +22,19 @@ class TableModel {
   using Image = std::vector<uint8_t>;
   using Entry = std::pair<std::string, uint64_t>;
 
-  explicit TableModel(SchemaSpec spec) : spec_(std::move(spec)), entries_(spec_.indexes.size()) {}
+  explicit TableModel(SchemaLayout layout) : layout_(std::move(layout)), entries_(layout_.indexes.size()) {}
 
-  const SchemaSpec& spec() const { return spec_; }
+  const SchemaLayout& layout() const { return layout_; }
   const std::map<uint64_t, Image>& records() const { return records_; }
   bool suspended() const { return suspended_; }
 
   // The key of `index` for an image, transformed independently of the engine.
   std::string keyOf(const Image& image, int index) const {
-    const IndexSpec& ix = spec_.indexes[index];
+    const IndexLayout& ix = layout_.indexes[index];
     std::string key;
     for (int s = 0; s < ix.numSegments; ++s) {
-      const SegmentSpec& seg = spec_.segments[ix.firstSegment + s];
-      const FieldSpec& f = spec_.fields[seg.field];
+      const SegmentLayout& seg = layout_.segments[ix.firstSegment + s];
+      const FieldLayout& f = layout_.fields[seg.field];
       const uint8_t* src = image.data() + f.offset;
       for (int b = 0; b < seg.size; ++b) {
         uint8_t c;
@@ -52,8 +52,8 @@ class TableModel {
 
   bool uniqueClash(const Image& image, uint64_t except) const {
     if (suspended_) return false;
-    for (size_t i = 0; i < spec_.indexes.size(); ++i) {
-      if (spec_.indexes[i].duplicates) continue;
+    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
+      if (layout_.indexes[i].duplicates) continue;
       auto it = entries_[i].lower_bound({keyOf(image, static_cast<int>(i)), 0});
       if (it != entries_[i].end() && it->first == keyOf(image, static_cast<int>(i)) &&
           it->second != except)
@@ -200,8 +200,8 @@ class TableModel {
   void suspend() { suspended_ = true; }
   // Whether a rebuild now meets a duplicate on a unique index.
   bool rebuildClashes() const {
-    for (size_t i = 0; i < spec_.indexes.size(); ++i) {
-      if (spec_.indexes[i].duplicates) continue;
+    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
+      if (layout_.indexes[i].duplicates) continue;
       std::set<std::string> seen;
       for (const auto& r : records_)
         if (!seen.insert(keyOf(r.second, static_cast<int>(i))).second) return true;
@@ -212,8 +212,8 @@ class TableModel {
   // record of each clashing key).
   std::vector<uint64_t> clashingRecords() const {
     std::vector<uint64_t> out;
-    for (size_t i = 0; i < spec_.indexes.size(); ++i) {
-      if (spec_.indexes[i].duplicates) continue;
+    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
+      if (layout_.indexes[i].duplicates) continue;
       std::set<std::string> seen;
       for (const auto& r : records_)
         if (!seen.insert(keyOf(r.second, static_cast<int>(i))).second) out.push_back(r.first);
@@ -270,7 +270,7 @@ class TableModel {
     records_.erase(recno);
   }
 
-  SchemaSpec spec_;
+  SchemaLayout layout_;
   std::map<uint64_t, Image> records_;
   std::vector<std::set<Entry>> entries_;
   uint64_t next_ = 1;

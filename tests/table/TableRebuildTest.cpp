@@ -12,9 +12,9 @@ using namespace tabletest;
 
 namespace {
 
-std::vector<std::string> childNames(TCtreeTable& table, const SchemaSpec& spec, uint8_t parent) {
+std::vector<std::string> childNames(TCtreeTable& table, const SchemaLayout& layout, uint8_t parent) {
   auto probe = genericRecord(0, parent, "");
-  auto key = engineKey(table, spec, 1, probe.data());
+  auto key = engineKey(table, layout, 1, probe.data());
   std::vector<uint8_t> out(440);
   std::vector<std::string> names;
   for (int rc = table.firstInSet(1, key.data(), out.data(), 16); rc == TBL_OK;
@@ -36,9 +36,9 @@ size_t entriesIn(const std::string& directory) {
 
 TEST(TableRebuild, SuspendedWritesAreIndexedByTheRebuild) {
   TempDir dir;
-  const SchemaSpec spec = genericSchema();
+  const SchemaLayout layout = genericSchema();
   TCtreeTable table;
-  ASSERT_EQ(createTable(table, dir / "t", spec), TBL_OK);
+  ASSERT_EQ(createTable(table, dir / "t", layout), TBL_OK);
   auto first = genericRecord(1, 9, "before");
   ASSERT_EQ(table.addRecord(first.data()), TBL_OK);
   ASSERT_NE(table.suspendIndexing(), -1);
@@ -54,7 +54,7 @@ TEST(TableRebuild, SuspendedWritesAreIndexedByTheRebuild) {
   ASSERT_EQ(table.deleteRecord(), TBL_OK);
   ASSERT_EQ(table.resumeIndexingAndRebuild(), TBL_OK);
   EXPECT_EQ(table.checkConsistency(), TBL_OK);
-  auto names = childNames(table, spec, 9);
+  auto names = childNames(table, layout, 9);
   ASSERT_EQ(names.size(), 58u);
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   EXPECT_EQ(names.front(), "during-10");
@@ -63,11 +63,11 @@ TEST(TableRebuild, SuspendedWritesAreIndexedByTheRebuild) {
 TEST(TableRebuild, StaleIndexIsRebuiltOnOpenWithALogLine) {
   TempDir dir;
   const std::string name = dir / "t";
-  const SchemaSpec spec = genericSchema();
+  const SchemaLayout layout = genericSchema();
   {
     // Indexing left suspended when the table was closed.
     TCtreeTable table;
-    ASSERT_EQ(createTable(table, name, spec), TBL_OK);
+    ASSERT_EQ(createTable(table, name, layout), TBL_OK);
     ASSERT_NE(table.suspendIndexing(), -1);
     for (int i = 1; i <= 30; ++i) {
       auto image = genericRecord(static_cast<uint8_t>(i), 3, "f" + std::to_string(i));
@@ -77,29 +77,29 @@ TEST(TableRebuild, StaleIndexIsRebuiltOnOpenWithALogLine) {
   auto capture = CLogCapture::Install();
   {
     TCtreeTable table;
-    ASSERT_EQ(openTable(table, name, spec), TBL_OK);
+    ASSERT_EQ(openTable(table, name, layout), TBL_OK);
     EXPECT_EQ(capture->FindContaining("Rebuilding the indexes of table " + name).size(), 1u);
     EXPECT_EQ(table.checkConsistency(), TBL_OK);
-    EXPECT_EQ(childNames(table, spec, 3).size(), 30u);
+    EXPECT_EQ(childNames(table, layout, 3).size(), 30u);
   }
   // An index file that is behind its data file: the state a process killed
   // between the two commits leaves.
   const std::string oldIndex = fileBytes(name + ".idx");
   {
     TCtreeTable table;
-    ASSERT_EQ(openTable(table, name, spec), TBL_OK);
+    ASSERT_EQ(openTable(table, name, layout), TBL_OK);
     auto image = genericRecord(99, 3, "late");
     ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
   }
   writeFile(name + ".idx", oldIndex);
   capture->Clear();
   TCtreeTable table;
-  ASSERT_EQ(openTable(table, name, spec), TBL_OK);
+  ASSERT_EQ(openTable(table, name, layout), TBL_OK);
   EXPECT_EQ(capture->FindContaining("the index file is behind the data file").size(), 1u);
   EXPECT_EQ(table.checkConsistency(), TBL_OK);
   auto late = genericRecord(99, 0, "");
   std::vector<uint8_t> out(440);
-  ASSERT_EQ(table.getRecord(0, engineKey(table, spec, 0, late.data()).data(), out.data()), TBL_OK);
+  ASSERT_EQ(table.getRecord(0, engineKey(table, layout, 0, late.data()).data(), out.data()), TBL_OK);
   EXPECT_EQ(out, genericRecord(99, 3, "late"));
   capture->Remove();
 }
@@ -107,9 +107,9 @@ TEST(TableRebuild, StaleIndexIsRebuiltOnOpenWithALogLine) {
 TEST(TableRebuild, UniqueDuplicateKeepsIndexingSuspendedAndLosesNothing) {
   TempDir dir;
   const std::string name = dir / "t";
-  const SchemaSpec spec = genericSchema();
+  const SchemaLayout layout = genericSchema();
   TCtreeTable table;
-  ASSERT_EQ(createTable(table, name, spec), TBL_OK);
+  ASSERT_EQ(createTable(table, name, layout), TBL_OK);
   ASSERT_NE(table.suspendIndexing(), -1);
   auto a = genericRecord(7, 1, "a"), b = genericRecord(7, 1, "b"), c = genericRecord(8, 1, "c");
   for (auto* r : {&a, &b, &c}) ASSERT_EQ(table.addRecord(r->data()), TBL_OK);
@@ -142,9 +142,9 @@ TEST(TableRebuild, UniqueDuplicateKeepsIndexingSuspendedAndLosesNothing) {
 TEST(TableRebuild, SortSpillsRunsInBoundedMemory) {
   TempDir dir;
   const std::string name = dir / "t";
-  const SchemaSpec spec = genericSchema();
+  const SchemaLayout layout = genericSchema();
   TCtreeTable table;
-  ASSERT_EQ(createTable(table, name, spec), TBL_OK);
+  ASSERT_EQ(createTable(table, name, layout), TBL_OK);
   ASSERT_NE(table.suspendIndexing(), -1);
   // 3000 records, added in an order unlike their key order.
   for (int i = 0; i < 3000; ++i) {
@@ -169,7 +169,7 @@ TEST(TableRebuild, SortSpillsRunsInBoundedMemory) {
   }
   EXPECT_EQ(expected, 3000);
   for (uint8_t parent = 0; parent < 5; ++parent) {
-    auto names = childNames(table, spec, parent);
+    auto names = childNames(table, layout, parent);
     EXPECT_EQ(names.size(), 600u);
     EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   }

@@ -18,13 +18,13 @@
 
 namespace tabletest {
 
-struct FieldSpec {
+struct FieldLayout {
   std::string name;
   unsigned long offset;
   short type;
   short length;
 };
-struct IndexSpec {
+struct IndexLayout {
   std::string name;
   short keyLength;
   TKeyType keyType;
@@ -32,23 +32,23 @@ struct IndexSpec {
   short numSegments;
   short firstSegment;
 };
-struct SegmentSpec {
+struct SegmentLayout {
   short field;
   short size;
   char caseSensitive;
 };
 
-struct SchemaSpec {
+struct SchemaLayout {
   bool variableLength;
   unsigned recordSize;
   unsigned fixedRecordSize;
-  std::vector<FieldSpec> fields;
-  std::vector<IndexSpec> indexes;
-  std::vector<SegmentSpec> segments;
+  std::vector<FieldLayout> fields;
+  std::vector<IndexLayout> indexes;
+  std::vector<SegmentLayout> segments;
 };
 
-inline SchemaSpec genericSchema() {
-  return SchemaSpec{
+inline SchemaLayout genericSchema() {
+  return SchemaLayout{
       true,
       440,
       181,
@@ -62,8 +62,8 @@ inline SchemaSpec genericSchema() {
       {{0, 16, 1}, {1, 16, 1}, {5, 56, 1}}};
 }
 
-inline SchemaSpec smallSchema() {
-  return SchemaSpec{
+inline SchemaLayout smallSchema() {
+  return SchemaLayout{
       true,
       64,
       24,
@@ -78,23 +78,23 @@ inline SchemaSpec smallSchema() {
       {{0, 8, 1}, {1, 8, 1}, {4, 16, 0}, {2, 4, 1}}};
 }
 
-// Registers `spec` under `name` (a path without extension); TBL_OK or the
+// Registers `layout` under `name` (a path without extension); TBL_OK or the
 // first failing status.
-inline int defineSchema(TCtreeTable& table, const std::string& name, const SchemaSpec& spec) {
-  int status = table.internalInitialize(name.c_str(), spec.variableLength ? 1 : 0,
-                                        static_cast<unsigned>(spec.fields.size()),
-                                        static_cast<unsigned>(spec.indexes.size()),
-                                        static_cast<unsigned>(spec.segments.size()),
-                                        spec.recordSize, spec.fixedRecordSize);
-  for (const FieldSpec& f : spec.fields)
+inline int defineSchema(TCtreeTable& table, const std::string& name, const SchemaLayout& layout) {
+  int status = table.internalInitialize(name.c_str(), layout.variableLength ? 1 : 0,
+                                        static_cast<unsigned>(layout.fields.size()),
+                                        static_cast<unsigned>(layout.indexes.size()),
+                                        static_cast<unsigned>(layout.segments.size()),
+                                        layout.recordSize, layout.fixedRecordSize);
+  for (const FieldLayout& f : layout.fields)
     if (status == 0) status = table.setNextField(f.name.c_str(), f.offset, f.type, f.length);
-  for (const IndexSpec& i : spec.indexes)
+  for (const IndexLayout& i : layout.indexes)
     if (status == 0)
       status = table.setNextIndex(i.name.c_str(), i.keyLength, i.keyType, i.duplicates, 0, 0,
                                   i.numSegments, i.firstSegment);
-  for (const SegmentSpec& s : spec.segments)
+  for (const SegmentLayout& s : layout.segments)
     if (status == 0) status = table.setNextSegment(s.field, s.size, s.caseSensitive);
-  for (size_t f = 0; f < spec.fields.size(); ++f)
+  for (size_t f = 0; f < layout.fields.size(); ++f)
     if (status == 0) status = table.shellOrder(static_cast<int>(f));
   if (status == 0) status = table.initializeComplete();
   return status;
@@ -102,16 +102,16 @@ inline int defineSchema(TCtreeTable& table, const std::string& name, const Schem
 
 // Builds the key of `index` from a record image through fillKeySegment /
 // finishKey, into a buffer with 32 spare bytes as the scan database does.
-inline std::vector<uint8_t> engineKey(TCtreeTable& table, const SchemaSpec& spec, int index,
+inline std::vector<uint8_t> engineKey(TCtreeTable& table, const SchemaLayout& layout, int index,
                                       const uint8_t* image, int* status = nullptr) {
-  const IndexSpec& ix = spec.indexes[index];
+  const IndexLayout& ix = layout.indexes[index];
   std::vector<uint8_t> buffer(ix.keyLength + 32, 0);
   char* cursor = reinterpret_cast<char*>(buffer.data());
   int remaining = static_cast<int>(buffer.size());
   int rc = 0;
   for (int s = 0; s < ix.numSegments && rc == 0; ++s) {
-    const SegmentSpec& seg = spec.segments[ix.firstSegment + s];
-    rc = table.fillKeySegment(&cursor, &remaining, image + spec.fields[seg.field].offset, 0, index,
+    const SegmentLayout& seg = layout.segments[ix.firstSegment + s];
+    rc = table.fillKeySegment(&cursor, &remaining, image + layout.fields[seg.field].offset, 0, index,
                               s);
   }
   if (rc == 0) rc = table.finishKey(&cursor, &remaining, index, 0);

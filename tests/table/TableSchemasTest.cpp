@@ -1,4 +1,4 @@
-// Schema registration: limits, type checks, introspection, the hooks this
+// Schema registration: limits, type checks, queries, the hooks this
 // engine lacks, status texts, and "already open".
 #include <gtest/gtest.h>
 
@@ -17,13 +17,13 @@ class LimitedTable : public TCtreeTable {
   int registerTable() override { return internalRegisterTable(18, 12, 18); }
 };
 
-SchemaSpec manyFields(int count) {
-  SchemaSpec spec{false, static_cast<unsigned>(count * 4), 0, {}, {}, {}};
+SchemaLayout manyFields(int count) {
+  SchemaLayout layout{false, static_cast<unsigned>(count * 4), 0, {}, {}, {}};
   for (int f = 0; f < count; ++f)
-    spec.fields.push_back({"f" + std::to_string(f), static_cast<unsigned long>(f * 4), kFieldUInt32, 4});
-  spec.indexes.push_back({"first", 4, kKeyFixed, 0, 1, 0});
-  spec.segments.push_back({0, 4, 1});
-  return spec;
+    layout.fields.push_back({"f" + std::to_string(f), static_cast<unsigned long>(f * 4), kFieldUInt32, 4});
+  layout.indexes.push_back({"first", 4, kKeyFixed, 0, 1, 0});
+  layout.segments.push_back({0, 4, 1});
+  return layout;
 }
 
 }  // namespace
@@ -37,24 +37,24 @@ TEST(TableSchemas, RegisteredLimitsAndTypesAreEnforced) {
   TCtreeTable wide;
   EXPECT_EQ(defineSchema(wide, dir / "w", manyFields(19)), TBL_OK);
 
-  SchemaSpec unknownType = smallSchema();
+  SchemaLayout unknownType = smallSchema();
   unknownType.fields[3].type = 47;
   EXPECT_EQ(defineSchema(table, dir / "t", unknownType), TBL_BAD_SCHEMA);
 
-  SchemaSpec wrongKeyLength = genericSchema();
+  SchemaLayout wrongKeyLength = genericSchema();
   wrongKeyLength.indexes[1].keyLength = 70;  // segments add up to 72
   EXPECT_EQ(defineSchema(table, dir / "t", wrongKeyLength), TBL_BAD_SCHEMA);
 
-  SchemaSpec badKeyType = genericSchema();
+  SchemaLayout badKeyType = genericSchema();
   badKeyType.indexes[0].keyType = static_cast<TKeyType>(4);
   EXPECT_EQ(defineSchema(table, dir / "t", badKeyType), TBL_BAD_SCHEMA);
 
-  SchemaSpec partialInteger = smallSchema();
+  SchemaLayout partialInteger = smallSchema();
   partialInteger.segments[0].size = 4;  // half of a 64-bit field
   partialInteger.indexes[0].keyLength = 4;
   EXPECT_EQ(defineSchema(table, dir / "t", partialInteger), TBL_BAD_SCHEMA);
 
-  SchemaSpec outside = genericSchema();
+  SchemaLayout outside = genericSchema();
   outside.fields[5].length = 260;  // past the 440-byte record
   EXPECT_EQ(defineSchema(table, dir / "t", outside), TBL_BAD_SCHEMA);
 
@@ -67,7 +67,7 @@ TEST(TableSchemas, RegisteredLimitsAndTypesAreEnforced) {
   EXPECT_EQ(partial.open(WZIndexing::kAccessReadWrite), TBL_NOT_DEFINED);
 }
 
-TEST(TableSchemas, IntrospectionAndUnsupportedHooks) {
+TEST(TableSchemas, queriesAndUnsupportedHooks) {
   TempDir dir;
   TCtreeTable table;
   ASSERT_EQ(defineSchema(table, dir / "t", genericSchema()), TBL_OK);

@@ -50,15 +50,15 @@ inline std::vector<uint8_t> smallRecord(uint64_t id, uint64_t group, uint32_t in
   return image;
 }
 
-// Defines `spec` at `name` and creates the files; the table stays open.
-inline int createTable(TCtreeTable& table, const std::string& name, const SchemaSpec& spec) {
-  int status = defineSchema(table, name, spec);
+// Defines `layout` at `name` and creates the files; the table stays open.
+inline int createTable(TCtreeTable& table, const std::string& name, const SchemaLayout& layout) {
+  int status = defineSchema(table, name, layout);
   return status ? status : table.create();
 }
 
-inline int openTable(TCtreeTable& table, const std::string& name, const SchemaSpec& spec,
+inline int openTable(TCtreeTable& table, const std::string& name, const SchemaLayout& layout,
                      WZIndexing::TAccessEnum mode = WZIndexing::kAccessReadWrite) {
-  int status = defineSchema(table, name, spec);
+  int status = defineSchema(table, name, layout);
   return status ? status : table.open(mode);
 }
 

@@ -18,7 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "FileSnapshot.h"
-#include "SchemaSpecTable.h"
+#include "SchemaLayoutTable.h"
 #include "support/GenericSchemaTable.h"
 #include "support/TempDir.h"
 
@@ -238,25 +238,25 @@ TEST_F(TableBadFiles, PlainLmdbFileIsNotATable) {
 
 TEST_F(TableBadFiles, AnotherSchema) {
   // Tables made with another layout, opened as the generic record.
-  SchemaSpec segment = SchemaSpec::generic();
+  SchemaLayout segment = SchemaLayout::generic();
   segment.indexes[1].keyLength = 64;
   segment.segments[2].segmentSize = 48;
-  SchemaSpec renamed = SchemaSpec::generic();
+  SchemaLayout renamed = SchemaLayout::generic();
   renamed.fields[5].name = "name";
-  SchemaSpec unique = SchemaSpec::generic();
+  SchemaLayout unique = SchemaLayout::generic();
   unique.indexes[1].duplicates = 0;
-  SchemaSpec folded = SchemaSpec::generic();
+  SchemaLayout folded = SchemaLayout::generic();
   folded.segments[2].caseSensitive = 0;
-  const std::pair<const char*, SchemaSpec> variants[] = {{"inode/ctime record", SchemaSpec::inodeTime()},
+  const std::pair<const char*, SchemaLayout> variants[] = {{"inode/ctime record", SchemaLayout::inodeTime()},
                                                          {"shorter name segment", segment},
                                                          {"renamed field", renamed},
                                                          {"unique parent index", unique},
                                                          {"case-folded name", folded}};
-  for (const auto& [what, spec] : variants) {
+  for (const auto& [what, layout] : variants) {
     TempDir other;
     const std::string name = other / "WzScanDB";
     {
-      SchemaSpecTable table(spec);
+      SchemaLayoutTable table(layout);
       ASSERT_EQ(table.createTable(name), TBL_OK) << what;
       ASSERT_EQ(table.close(), TBL_OK);
     }
@@ -268,8 +268,8 @@ TEST_F(TableBadFiles, AnotherSchema) {
   // And the generic table opened as another layout.
   expectRefused(
       TBL_SCHEMA_MISMATCH, "inode/ctime open of the generic table", dir_.path(),
-      [&](TCtreeTable& t) { return static_cast<SchemaSpecTable&>(t).openTable(name_); },
-      [] { return new SchemaSpecTable(SchemaSpec::inodeTime()); });
+      [&](TCtreeTable& t) { return static_cast<SchemaLayoutTable&>(t).openTable(name_); },
+      [] { return new SchemaLayoutTable(SchemaLayout::inodeTime()); });
   expectIntact();
 }
 

@@ -169,7 +169,7 @@ TEST_F(ToolTest, FolderReplacedByFileLosesItsOldContents) {
   EXPECT_EQ((std::vector<std::string>{"x"}), Run({"walk", db_, tree_}).OutLines());
 }
 
-TEST_F(ToolTest, InspectCommandsAnswerFromTheDatabase) {
+TEST_F(ToolTest, QueryCommandsAnswerFromTheDatabase) {
   MakeScratchTree();
   ToolResult scan = Scan(2000);
   ASSERT_EQ(0, scan.status) << scan.err;

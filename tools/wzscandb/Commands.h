@@ -25,7 +25,7 @@ void AddRecordCommands(CLI::App& app, CommandTable& table);
 // scan: records a directory tree into a database.
 void AddScanCommand(CLI::App& app, CommandTable& table);
 // ls, walk, path, changed, validate, stats, csv: read a database.
-void AddInspectCommands(CLI::App& app, CommandTable& table);
+void AddQueryCommands(CLI::App& app, CommandTable& table);
 // copy, move, remove, rebuild-index: database files and indexes.
 void AddFileCommands(CLI::App& app, CommandTable& table);
 

@@ -72,7 +72,7 @@ int main(int argc, char** argv) {
   CommandTable table;
   AddRecordCommands(app, table);
   AddScanCommand(app, table);
-  AddInspectCommands(app, table);
+  AddQueryCommands(app, table);
   AddFileCommands(app, table);
 
   try {

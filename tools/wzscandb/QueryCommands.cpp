@@ -230,7 +230,7 @@ int RunCsv(const DatabaseArguments& args) {
 
 }  // namespace
 
-void AddInspectCommands(CLI::App& app, CommandTable& table) {
+void AddQueryCommands(CLI::App& app, CommandTable& table) {
   auto ls = std::make_shared<DatabaseArguments>();
   CLI::App* lsCommand = AddDatabaseCommand(
       app, "ls", "List a folder's children: kind, size, modification time, reference time, name", *ls);

@@ -1,4 +1,4 @@
-// SchemaSpecTable: a TCtreeTable that registers a schema given as plain data,
+// SchemaLayoutTable: a TCtreeTable that registers a schema given as plain data,
 // so a test can make tables whose layout differs from the generic record's in
 // one chosen detail.
 #pragma once
@@ -10,7 +10,7 @@
 #include "table/TFieldType.h"
 #include "table/TKeyType.h"
 
-struct SchemaSpec {
+struct SchemaLayout {
   struct Field {
     std::string name;
     unsigned long offset;
@@ -38,8 +38,8 @@ struct SchemaSpec {
   std::vector<Segment> segments;
 
   // The 440-byte generic scan record.
-  static SchemaSpec generic() {
-    return SchemaSpec{1,
+  static SchemaLayout generic() {
+    return SchemaLayout{1,
                       440,
                       181,
                       {{"guid", 0, kFieldBinary, 16},
@@ -54,8 +54,8 @@ struct SchemaSpec {
   }
 
   // A flat 16-byte (inode, ctime) record with one unique index.
-  static SchemaSpec inodeTime() {
-    return SchemaSpec{0,
+  static SchemaLayout inodeTime() {
+    return SchemaLayout{0,
                       16,
                       16,
                       {{"inode", 0, kFieldUInt64, 8}, {"ctime", 8, kFieldUInt64, 8}},
@@ -64,27 +64,27 @@ struct SchemaSpec {
   }
 };
 
-class SchemaSpecTable : public TCtreeTable {
+class SchemaLayoutTable : public TCtreeTable {
  public:
-  explicit SchemaSpecTable(SchemaSpec spec) : spec_(std::move(spec)) {}
+  explicit SchemaLayoutTable(SchemaLayout layout) : layout_(std::move(layout)) {}
 
   int registerTable() override { return internalRegisterTable(18, 12, 18); }
 
   int define(const std::string& name) {
-    int status = internalInitialize(name.c_str(), spec_.variableLength,
-                                    unsigned(spec_.fields.size()), unsigned(spec_.indexes.size()),
-                                    unsigned(spec_.segments.size()), spec_.recordSize,
-                                    spec_.fixedRecordSize);
-    for (const auto& f : spec_.fields)
+    int status = internalInitialize(name.c_str(), layout_.variableLength,
+                                    unsigned(layout_.fields.size()), unsigned(layout_.indexes.size()),
+                                    unsigned(layout_.segments.size()), layout_.recordSize,
+                                    layout_.fixedRecordSize);
+    for (const auto& f : layout_.fields)
       if (status == TBL_OK) status = setNextField(f.name.c_str(), f.offset, f.type, f.length);
-    for (const auto& i : spec_.indexes)
+    for (const auto& i : layout_.indexes)
       if (status == TBL_OK)
         status = setNextIndex(i.name.c_str(), i.keyLength, i.keyType, i.duplicates, 0, 0,
                               i.numSegments, i.segmentNumber);
-    for (const auto& s : spec_.segments)
+    for (const auto& s : layout_.segments)
       if (status == TBL_OK) status = setNextSegment(s.fieldNumber, s.segmentSize, s.caseSensitive);
     if (status != TBL_OK) return status;
-    for (size_t i = 0; i < spec_.fields.size(); ++i) shellOrder(int(i));
+    for (size_t i = 0; i < layout_.fields.size(); ++i) shellOrder(int(i));
     return initializeComplete();
   }
 
@@ -98,5 +98,5 @@ class SchemaSpecTable : public TCtreeTable {
   }
 
  private:
-  SchemaSpec spec_;
+  SchemaLayout layout_;
 };
