@@ -8,10 +8,11 @@
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXFile.h"
 #include "runtime/LogWriter.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-const char kSource[] = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 const char kSigConstructor[] = "WzScanDB::WzScanDB(WzScanDBRecordBasePtr)";
 const char kSigInitialize[] = "CKoError WzScanDB::initialize(const string&)";
 const char kSigClose[] = "CKoError WzScanDB::close()";
@@ -51,11 +52,11 @@ WzScanDB::~WzScanDB() {
 
 CKoError WzScanDB::initialize(const std::string& directory) {
   if (directory.empty())
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigInitialize, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), 22,
                                    "The Given Directory path to create/open WzScanDB is empty");
   if (!recordInitialized)
     return FXErrorUtil::ErrorErrNo(
-        FXCodeLocation(kSource, kSigInitialize, __LINE__), 22,
+        FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), 22,
         "Cannot Initialize Database because the Record Structure is not initialized");
 
   const std::string tableName = directory + "/" + kTableName;
@@ -75,7 +76,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
          "fixedRecordSize : %d\n",
          numFields, numIndices, numSegments, recordSize, fixedRecordSize);
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                  "Failed to Initialize WzScanDB : %s", errToString(status));
   WZ_LOG(4, kSigInitialize, __LINE__, "Internal Initalize Completed");
 
@@ -87,7 +88,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
            field.length);
     status = setNextField(field.name.c_str(), field.offset, field.type, field.length);
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                    "Failed to Configure WzScanDB Fields : %s",
                                    errToString(status));
   }
@@ -105,7 +106,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
                           index.nullKey, index.emptyChar, index.numSegments,
                           index.segmentNumber);
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                    "Failed to Configure WzScanDB Indices : %s",
                                    errToString(status));
   }
@@ -119,7 +120,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
            segment.fieldNumber, segment.segmentSize, segment.caseSensitive);
     status = setNextSegment(segment.fieldNumber, segment.segmentSize, segment.caseSensitive);
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                    "Failed to Configure WzScanDB Segments : %s",
                                    errToString(status));
   }
@@ -129,7 +130,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
 
   status = initializeComplete();
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                  "Failed to Complete Initialization of WzScanDB : %s",
                                  errToString(status));
   WZ_LOG(4, kSigInitialize, __LINE__, "Initialize Complete Configuration Completed\n");
@@ -141,7 +142,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
   if (FXFile::Exists(dataFile)) {
     status = open(WZIndexing::kAccessReadWrite);
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                    "Failed to Open an Existing WzScanDB : %s",
                                    errToString(status));
     WZ_LOG(0, kSigInitialize, __LINE__, "Opened an Existing WzScanDB Database at : %s",
@@ -149,7 +150,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
   } else {
     status = create();
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigInitialize, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigInitialize, __LINE__), status,
                                    "Failed to Create WzScanDB : %s", errToString(status));
     WZ_LOG(0, kSigInitialize, __LINE__, "Created a New WzScan Database at : %s",
            tableName.c_str());

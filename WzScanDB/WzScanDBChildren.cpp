@@ -7,10 +7,11 @@
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 constexpr const char* kGetChildrenSignature =
     "CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr, "
     "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&)";

@@ -9,10 +9,11 @@
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/LogWriter.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSource = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 
 constexpr const char* kAddFileSig = "CKoError WzScanDB::addFile(WzScanDBRecordBasePtr)";
 constexpr const char* kAddFolderSig = "CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr)";
@@ -47,26 +48,26 @@ constexpr int kRemoveBatchSize = 10000;
 
 CKoError WzScanDB::addFile(WzScanDBRecordBasePtr record) {
   if (!record)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kAddFileSig, site::kAddFileNull), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kAddFileSig, site::kAddFileNull), 22,
                                    "The given record for Add File is NULL");
   record->setFlags(record->getFlags() & ~kRecordFlagDirectory);
   record->setRefTime(refTime);
   CKoError err = addDBRecord(record);
   if (err.IsError())
-    return err.Push(FXCodeLocation(kSource, kAddFileSig, site::kAddFileFailed), "addFile() Failed");
+    return err.Push(FXCodeLocation(kSourcePath, kAddFileSig, site::kAddFileFailed), "addFile() Failed");
   WZ_LOG(6, kAddFileSig, site::kAddFileAdded, "File Record Added : %s", record->toString().c_str());
   return CKoError();
 }
 
 CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr record) {
   if (!record)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kAddFolderSig, site::kAddFolderNull),
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kAddFolderSig, site::kAddFolderNull),
                                    22, "The given record for Add Folder is NULL");
   record->setFlags(record->getFlags() | kRecordFlagDirectory);
   record->setRefTime(refTime);
   CKoError err = addDBRecord(record);
   if (err.IsError())
-    return err.Push(FXCodeLocation(kSource, kAddFolderSig, site::kAddFolderFailed),
+    return err.Push(FXCodeLocation(kSourcePath, kAddFolderSig, site::kAddFolderFailed),
                     "addFolder() Failed");
   WZ_LOG(6, kAddFolderSig, site::kAddFolderAdded, "Folder Record Added : %s",
          record->toString().c_str());
@@ -75,11 +76,11 @@ CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr record) {
 
 CKoError WzScanDB::removeFile(WzScanDBRecordBasePtr record) {
   if (!record)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kRemoveFileSig, site::kRemoveFileNull),
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kRemoveFileSig, site::kRemoveFileNull),
                                    22, "The given record for Remove File is NULL");
   CKoError err = deleteDBRecord(record);
   if (err.IsError())
-    return err.Push(FXCodeLocation(kSource, kRemoveFileSig, site::kRemoveFileFailed),
+    return err.Push(FXCodeLocation(kSourcePath, kRemoveFileSig, site::kRemoveFileFailed),
                     "removeFile() Failed");
   WZ_LOG(6, kRemoveFileSig, site::kRemoveFileRemoved, "File Record Removed : %s",
          record->toString().c_str());
@@ -93,13 +94,13 @@ CKoError WzScanDB::removeFile(WzScanDBRecordBasePtr record) {
 CKoError WzScanDB::removeFolder(WzScanDBRecordBasePtr record) {
   if (!record)
     return FXErrorUtil::ErrorErrNo(
-        FXCodeLocation(kSource, kRemoveFolderSig, site::kRemoveFolderNull), 22,
+        FXCodeLocation(kSourcePath, kRemoveFolderSig, site::kRemoveFolderNull), 22,
         "The given record for Remove Folder is NULL");
 
   std::vector<WzScanDBRecordBasePtr> buffer;
   CKoError err = getSubTree(record, buffer, kRemoveBatchSize, false);
   if (err.IsError())
-    return err.Push(FXCodeLocation(kSource, kRemoveFolderSig, site::kRemoveFolderFirstBatchFailed),
+    return err.Push(FXCodeLocation(kSourcePath, kRemoveFolderSig, site::kRemoveFolderFirstBatchFailed),
                     "getSubTree(%s) Failed", record->toString().c_str());
   WZ_LOG(6, kRemoveFolderSig, site::kRemoveFolderFirstBatchFilled,
          "Filled the Buffer with %lu Items from the getSubtree() function",
@@ -110,12 +111,12 @@ CKoError WzScanDB::removeFolder(WzScanDBRecordBasePtr record) {
       err = deleteDBRecord(descendant);
       if (err.IsError())
         return err.Push(
-            FXCodeLocation(kSource, kRemoveFolderSig, site::kRemoveFolderDescendantFailed),
+            FXCodeLocation(kSourcePath, kRemoveFolderSig, site::kRemoveFolderDescendantFailed),
             "Subtree deleteDBRecord (%s) Failed", descendant->toString().c_str());
     }
     err = getSubTree(record, buffer, kRemoveBatchSize, true);
     if (err.IsError())
-      return err.Push(FXCodeLocation(kSource, kRemoveFolderSig, site::kRemoveFolderNextBatchFailed),
+      return err.Push(FXCodeLocation(kSourcePath, kRemoveFolderSig, site::kRemoveFolderNextBatchFailed),
                       "getSubtree(%s) Failed", record->toString().c_str());
     WZ_LOG(6, kRemoveFolderSig, site::kRemoveFolderNextBatchFilled,
            "Filled the Buffer with %lu Items from the getSubtree() function",
@@ -124,7 +125,7 @@ CKoError WzScanDB::removeFolder(WzScanDBRecordBasePtr record) {
 
   err = deleteDBRecord(record);
   if (err.IsError())
-    return err.Push(FXCodeLocation(kSource, kRemoveFolderSig, site::kRemoveFolderSelfFailed),
+    return err.Push(FXCodeLocation(kSourcePath, kRemoveFolderSig, site::kRemoveFolderSelfFailed),
                     "Cannot delete the parent record in Remove Folder");
   WZ_LOG(6, kRemoveFolderSig, site::kRemoveFolderDone,
          "Folder Record and its descendants Deleted : %s", record->toString().c_str());

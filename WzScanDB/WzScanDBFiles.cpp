@@ -7,10 +7,11 @@
 #include "runtime/FXFile.h"
 #include "runtime/LogWriter.h"
 #include "runtime/WZDebugFunction.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-const char kSource[] = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 const char kSigRemove[] = "static CKoError WzScanDB::remove(const string&)";
 const char kSigMove[] = "static CKoError WzScanDB::move(const string&, const string&)";
 const char kSigCopy[] = "static CKoError WzScanDB::copy(const string&, const string&)";
@@ -27,11 +28,11 @@ const char kTempSuffix[] = ".tmp";
 CKoError WzScanDB::remove(const std::string& directory) {
   CKoError error = FXFile::RemoveFile(directory + kDataSuffix);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigRemove, __LINE__), "Couldn't remove %s.dat in %s",
+    return error.Push(FXCodeLocation(kSourcePath, kSigRemove, __LINE__), "Couldn't remove %s.dat in %s",
                       kName, directory.c_str());
   error = FXFile::RemoveFile(directory + kIndexSuffix);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigRemove, __LINE__), "Couldn't remove %s.idx in %s",
+    return error.Push(FXCodeLocation(kSourcePath, kSigRemove, __LINE__), "Couldn't remove %s.idx in %s",
                       kName, directory.c_str());
   WZ_LOG(0, kSigRemove, __LINE__, "Removing %s in %s : completed successfully", kName,
          directory.c_str());
@@ -53,7 +54,7 @@ CKoError WzScanDB::move(const std::string& from, const std::string& to) {
     // Keep the pair together in the source directory.
     FXFile::WZMoveFileEx(toData, fromData, FXFile::kMoveReplaceExisting);
   }
-  return error.Push(FXCodeLocation(kSource, kSigMove, __LINE__), "Couldn't move %s from %s to %s",
+  return error.Push(FXCodeLocation(kSourcePath, kSigMove, __LINE__), "Couldn't move %s from %s to %s",
                     kName, from.c_str(), to.c_str());
 }
 
@@ -73,7 +74,7 @@ CKoError WzScanDB::copy(const std::string& from, const std::string& to) {
   if (error.IsError()) {
     FXFile::RemoveFile(tempData);
     FXFile::RemoveFile(tempIndex);
-    return error.Push(FXCodeLocation(kSource, kSigCopy, __LINE__),
+    return error.Push(FXCodeLocation(kSourcePath, kSigCopy, __LINE__),
                       "Couldn't copy %s from %s to %s", kName, from.c_str(), to.c_str());
   }
   WZ_LOG(0, kSigCopy, __LINE__, "Copying %s from %s to %s completed successfully", kName,
@@ -83,7 +84,7 @@ CKoError WzScanDB::copy(const std::string& from, const std::string& to) {
 
 CKoError WzScanDB::suspendIndex() {
   if (suspendIndexing() == -1)
-    return FXErrorUtil::ErrorWin32(FXCodeLocation(kSource, kSigSuspend, __LINE__),
+    return FXErrorUtil::ErrorWin32(FXCodeLocation(kSourcePath, kSigSuspend, __LINE__),
                                    kWin32IndexFailure, "The Indexing Suspend operation failed.");
   WZ_LOG(0, kSigSuspend, __LINE__, "The Indexing for this WzScanDB is suspended");
   return CKoError();
@@ -98,7 +99,7 @@ CKoError WzScanDB::rebuildIndex() {
          "take considerable amount of time.");
   const int status = resumeIndexingAndRebuild();
   if (status != 0)
-    return FXErrorUtil::ErrorWin32(FXCodeLocation(kSource, kSigRebuild, __LINE__),
+    return FXErrorUtil::ErrorWin32(FXCodeLocation(kSourcePath, kSigRebuild, __LINE__),
                                    kWin32IndexFailure, "Rebuild Index Failed due to %s",
                                    errToString(status));
   WZ_LOG(0, kSigRebuild, __LINE__, "The Index has been rebuilt.");

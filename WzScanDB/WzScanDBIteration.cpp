@@ -13,10 +13,11 @@
 #include "runtime/FXErrorUtil.h"
 #include "runtime/LogWriter.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 constexpr const char* kGetFirstItemSignature =
     "CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr, WzScanDBRecordBasePtr&, "
     "std::string&)";

@@ -7,10 +7,11 @@
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-const char kSource[] = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 const char kSigPrepareKey[] =
     "CKoError WzScanDB::prepareIndexKey(SPrepareIndexKeyStructure, char*, int)";
 const char kSigCheck[] =
@@ -35,13 +36,13 @@ CKoError WzScanDB::prepareIndexKey(SPrepareIndexKeyStructure key, char* buffer,
       status = fillKeySegment(&cursor, &remaining, key.segmentData[at], key.segmentModes[at],
                               key.indexNumber, key.segmentNumbers[at]);
     if (status != 0)
-      return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigPrepareKey, __LINE__), status,
+      return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigPrepareKey, __LINE__), status,
                                    "fillKeySegment Failed : %s", errToString(status));
   }
 
   int status = finishKey(&cursor, &remaining, key.indexNumber, key.finishMode);
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigPrepareKey, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigPrepareKey, __LINE__), status,
                                  "finishKey Failed : %s", errToString(status));
   return CKoError();
 }
@@ -53,19 +54,19 @@ CKoError WzScanDB::checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr
                                             : nullptr);
 
   if (!initializeCheck())
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigCheck, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigCheck, __LINE__), 22,
                                    "Initialize the Database to Proceed");
   if (!out)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigCheck, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigCheck, __LINE__), 22,
                                    "Output Record pointer is NULL");
   if (!in)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigCheck, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigCheck, __LINE__), 22,
                                    "Input Record pointer is NULL");
   // Every add, update and delete looks its record up here first, so a record
   // of another type is refused before anything is read into it or written.
   for (const WzScanDBRecordBasePtr* record : {&in, &out}) {
     CKoError typeError = WzScanDBInternal::CheckRecordType(
-        recordPrototype, *record, FXCodeLocation(kSource, kSigCheck, __LINE__));
+        recordPrototype, *record, FXCodeLocation(kSourcePath, kSigCheck, __LINE__));
     if (typeError.IsError()) return typeError;
   }
 
@@ -76,7 +77,7 @@ CKoError WzScanDB::checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr
   std::unique_ptr<char[]> key(new char[keySize > 0 ? keySize : 1]);
   CKoError error = prepareIndexKey(std::move(request), key.get(), keySize);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigCheck, __LINE__), "Cannot prepare Key");
+    return error.Push(FXCodeLocation(kSourcePath, kSigCheck, __LINE__), "Cannot prepare Key");
 
   void* buffer = out->getStructure();
   const int status =
@@ -96,7 +97,7 @@ CKoError WzScanDB::checkDBRecord(WzScanDBRecordBasePtr in, WzScanDBRecordBasePtr
   out.reset();
   found = false;
   if (status == TBL_NOT_FOUND) return CKoError();
-  return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigCheck, __LINE__), status,
+  return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigCheck, __LINE__), status,
                                "getRecord() for index %d Failed: %s", index, errToString(status));
 }
 

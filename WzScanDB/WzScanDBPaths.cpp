@@ -7,10 +7,11 @@
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 constexpr const char* kGetPathFromRecordSignature =
     "CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr, std::string&)";
 

@@ -12,10 +12,11 @@
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXPath.h"
 #include "runtime/LogWriter.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSource = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 
 constexpr const char* kRenameByKeySig =
     "CKoError WzScanDB::renameByKey(WzScanDBRecordBasePtr, WzScanDBRecordBasePtr)";
@@ -59,9 +60,7 @@ constexpr int kFolderDone = 1011;
 // Descendants moved per sub-tree call; bounds renameFolder's memory.
 constexpr int kRenameBatchSize = 10000;
 
-FXCodeLocation At(const char* signature, int line) {
-  return FXCodeLocation(kSource, signature, line);
-}
+using WzScanDBInternal::At;
 
 }  // namespace
 

@@ -5,10 +5,11 @@
 #include "runtime/FXErrorUtil.h"
 #include "runtime/LogWriter.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-const char kSource[] = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 const char kSigAdd[] = "CKoError WzScanDB::addDBRecord(WzScanDBRecordBasePtr)";
 const char kSigUpdate[] = "CKoError WzScanDB::updateDBRecord(WzScanDBRecordBasePtr)";
 const char kSigDelete[] = "CKoError WzScanDB::deleteDBRecord(WzScanDBRecordBasePtr)";
@@ -16,7 +17,7 @@ const char kSigAddWithoutCheck[] = "CKoError WzScanDB::addRecordWithoutCheck(WzS
 const char kSigSetRefTime[] = "void WzScanDB::setRefTime(long long unsigned int)";
 
 CKoError NullRecordError(const char* signature, int line) {
-  return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, signature, line), 22,
+  return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, signature, line), 22,
                                  "Input Record pointer is NULL");
 }
 
@@ -24,7 +25,7 @@ CKoError NullRecordError(const char* signature, int line) {
 
 CKoError WzScanDB::addDBRecord(WzScanDBRecordBasePtr record) {
   if (!initializeCheck())
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigAdd, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigAdd, __LINE__), 22,
                                    "Initialize the Database to Proceed");
   // No dbLock here: the lookup takes it by itself.
   CAutoTimeCounter timer(performanceCounter ? performanceCounter->GetCounter(ADD_RECORD)
@@ -35,7 +36,7 @@ CKoError WzScanDB::addDBRecord(WzScanDBRecordBasePtr record) {
   WzScanDBRecordBasePtr existing = record->Clone();
   CKoError error = checkDBRecord(record, existing, found);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigAdd, __LINE__), "checkDBRecord(%s) Failed",
+    return error.Push(FXCodeLocation(kSourcePath, kSigAdd, __LINE__), "checkDBRecord(%s) Failed",
                       record->toString().c_str());
 
   if (found) {
@@ -44,7 +45,7 @@ CKoError WzScanDB::addDBRecord(WzScanDBRecordBasePtr record) {
            existing->toString().c_str());
     error = updateDBRecord(record);
     if (error.IsError())
-      return error.Push(FXCodeLocation(kSource, kSigAdd, __LINE__), "updateDBRecord(%s) Failed",
+      return error.Push(FXCodeLocation(kSourcePath, kSigAdd, __LINE__), "updateDBRecord(%s) Failed",
                         record->toString().c_str());
     return CKoError();
   }
@@ -55,7 +56,7 @@ CKoError WzScanDB::addDBRecord(WzScanDBRecordBasePtr record) {
     sptrDbRoot = record;
   }
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigAdd, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigAdd, __LINE__), status,
                                  "addRecord(%s) Failed due to %s", record->toString().c_str(),
                                  errToString(status));
   WZ_LOG(7, kSigAdd, __LINE__, "Inserted Record : %s Successfully", record->toString().c_str());
@@ -67,7 +68,7 @@ CKoError WzScanDB::updateDBRecord(WzScanDBRecordBasePtr record) {
   // that the lookup made current.
   auto_lock<FXCriticalSection> lock(dbLock);
   if (!initializeCheck())
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigUpdate, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigUpdate, __LINE__), 22,
                                    "Initialize the Database to Proceed");
   CAutoTimeCounter timer(performanceCounter ? performanceCounter->GetCounter(UPDATE_RECORD)
                                             : nullptr);
@@ -77,17 +78,17 @@ CKoError WzScanDB::updateDBRecord(WzScanDBRecordBasePtr record) {
   WzScanDBRecordBasePtr existing = record->Clone();
   CKoError error = checkDBRecord(record, existing, found);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigUpdate, __LINE__), "checkDBRecord(%s) Failed",
+    return error.Push(FXCodeLocation(kSourcePath, kSigUpdate, __LINE__), "checkDBRecord(%s) Failed",
                       record->toString().c_str());
   if (!found)
     return FXErrorUtil::ErrorErrNo(
-        FXCodeLocation(kSource, kSigUpdate, __LINE__), 22,
+        FXCodeLocation(kSourcePath, kSigUpdate, __LINE__), 22,
         "updateDBRecord(%s) Failed since the Record is not present in the database",
         record->toString().c_str());
 
   const int status = modifyRecord(record->getStructure());
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigUpdate, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigUpdate, __LINE__), status,
                                  "modifyRecord(%s) Failed due to: %s",
                                  existing->toString().c_str(), errToString(status));
   return CKoError();
@@ -95,7 +96,7 @@ CKoError WzScanDB::updateDBRecord(WzScanDBRecordBasePtr record) {
 
 CKoError WzScanDB::deleteDBRecord(WzScanDBRecordBasePtr record) {
   if (!initializeCheck())
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigDelete, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigDelete, __LINE__), 22,
                                    "Initialize the Database to Proceed");
   // No dbLock here: the lookup takes it by itself.
   CAutoTimeCounter timer(performanceCounter ? performanceCounter->GetCounter(DELETE_RECORD)
@@ -106,7 +107,7 @@ CKoError WzScanDB::deleteDBRecord(WzScanDBRecordBasePtr record) {
   WzScanDBRecordBasePtr existing = record->Clone();
   CKoError error = checkDBRecord(record, existing, found);
   if (error.IsError())
-    return error.Push(FXCodeLocation(kSource, kSigDelete, __LINE__), "CheckDBRecord(%s) Failed",
+    return error.Push(FXCodeLocation(kSourcePath, kSigDelete, __LINE__), "CheckDBRecord(%s) Failed",
                       record->toString().c_str());
   if (!found) {
     WZ_LOG(7, kSigDelete, __LINE__, "The record : %s is not present in the database to delete",
@@ -116,7 +117,7 @@ CKoError WzScanDB::deleteDBRecord(WzScanDBRecordBasePtr record) {
 
   const int status = deleteRecord();
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigDelete, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigDelete, __LINE__), status,
                                  "deleteRecord(%s) Failed : due to %s\n",
                                  existing->toString().c_str(), errToString(status));
   WZ_LOG(7, kSigDelete, __LINE__, "Deleted Record : %s Successfully",
@@ -127,11 +128,11 @@ CKoError WzScanDB::deleteDBRecord(WzScanDBRecordBasePtr record) {
 CKoError WzScanDB::addRecordWithoutCheck(WzScanDBRecordBasePtr record) {
   auto_lock<FXCriticalSection> lock(dbLock);
   if (!record)
-    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSource, kSigAddWithoutCheck, __LINE__), 22,
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kSigAddWithoutCheck, __LINE__), 22,
                                    "The given record to add is NULL");
   if (recordPrototype) {
     CKoError typeError = WzScanDBInternal::CheckRecordType(
-        recordPrototype, record, FXCodeLocation(kSource, kSigAddWithoutCheck, __LINE__));
+        recordPrototype, record, FXCodeLocation(kSourcePath, kSigAddWithoutCheck, __LINE__));
     if (typeError.IsError()) return typeError;
   }
   // Deliberately no initializeCheck(): the engine reports a table that is
@@ -145,7 +146,7 @@ CKoError WzScanDB::addRecordWithoutCheck(WzScanDBRecordBasePtr record) {
     sptrDbRoot = record;
   }
   if (status != 0)
-    return FXErrorUtil::ErrorInt(FXCodeLocation(kSource, kSigAddWithoutCheck, __LINE__), status,
+    return FXErrorUtil::ErrorInt(FXCodeLocation(kSourcePath, kSigAddWithoutCheck, __LINE__), status,
                                  "addRecord(%s) Failed due to %s", record->toString().c_str(),
                                  errToString(status));
   WZ_LOG(6, kSigAddWithoutCheck, __LINE__, "Record Added : %s", record->toString().c_str());

@@ -16,10 +16,11 @@
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXPath.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSourcePath = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 
 namespace site {
 // getSubTree(start, records, validate)

@@ -13,10 +13,11 @@
 #include "runtime/LogWriter.h"
 #include "runtime/WZDebugFunction.h"
 #include "runtime/auto_lock.h"
+#include "WzScanDB/WzScanDBErrorSite.h"
 
 namespace {
 
-constexpr const char* kSource = "WzScanDB/WzScanDB";
+using WzScanDBInternal::kSourcePath;
 
 constexpr const char* kValidateTreeSig = "CKoError WzScanDB::validateTree(bool&)";
 constexpr const char* kPrintStatsSig = "CKoError WzScanDB::printStats()";
@@ -42,9 +43,7 @@ constexpr int kValidateDone = 1082;
 // Records per sub-tree call in both passes; bounds validateTree's memory.
 constexpr int kValidateBatchSize = 10000;
 
-FXCodeLocation At(const char* signature, int line) {
-  return FXCodeLocation(kSource, signature, line);
-}
+using WzScanDBInternal::At;
 
 }  // namespace
 

@@ -16,6 +16,7 @@
 
 #include "WzScanDB/WzScanDBExports.h"
 #include "runtime/LogWriter.h"
+#include "support/OpenGenericDatabase.h"
 #include "support/TempDir.h"
 #include "table/TableStatus.h"
 
@@ -36,17 +37,6 @@ WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir) {
 }
 
 std::string FilePath(int serial) { return "/full/f" + std::to_string(serial); }
-
-WzScanDBPtr Open(const std::string& directory, CKoError& err) {
-  g_ptrLogWriter->SetNone();
-  WzScanDBRecordPtr prototype;
-  CreateGlusterEmptyRecordObject(prototype);
-  WzScanDBPtr db;
-  CreateWzScanDBObject(db, prototype);
-  std::string text = directory;
-  WzScanDBObjectInitialize(db, text, err);
-  return db;
-}
 
 bool Stored(const WzScanDBPtr& db, const std::string& path) {
   WzScanDBRecordBasePtr out = Generic(path, false);
@@ -71,7 +61,7 @@ FillResult FillInChild(const std::string& directory, rlim_t limitBytes, int firs
     struct rlimit limit = {limitBytes, limitBytes};
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(10);
     CKoError err;
-    WzScanDBPtr db = Open(directory, err);
+    WzScanDBPtr db = OpenGenericDatabase(directory, err);
     if (err.IsError()) _exit(11);
     WzScanDBObjectAddFolder(db, Generic("/", true), err);
     if (err.IsError()) _exit(12);
@@ -127,7 +117,7 @@ TEST(FullDiskTest, FileSizeLimitGivesEngineStatusAndKeepsAcknowledgedRecords) {
     total += result.acknowledged;
 
     CKoError err;
-    WzScanDBPtr db = Open(dir.path(), err);
+    WzScanDBPtr db = OpenGenericDatabase(dir.path(), err);
     ASSERT_TRUE(err.IsSuccess()) << err.AsString();
     std::string report;
     EXPECT_EQ(0, db->checkConsistency(&report)) << report;
@@ -141,7 +131,7 @@ TEST(FullDiskTest, FileSizeLimitGivesEngineStatusAndKeepsAcknowledgedRecords) {
 
   // Without a limit the database grows on.
   CKoError err;
-  WzScanDBPtr db = Open(dir.path(), err);
+  WzScanDBPtr db = OpenGenericDatabase(dir.path(), err);
   ASSERT_TRUE(err.IsSuccess()) << err.AsString();
   for (int serial = total; serial < total + 2000; ++serial) {
     WzScanDBObjectAddFile(db, Generic(FilePath(serial), false), err);

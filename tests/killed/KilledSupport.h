@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "WzScanDB/WzScanDBExports.h"
+#include "support/OpenGenericDatabase.h"
 #include "runtime/LogWriter.h"
 
 namespace killedtest {
@@ -32,17 +33,6 @@ inline unsigned Seed(const char* test) {
 
 inline void SleepMs(unsigned ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// A generic database opened (created when missing) on `directory`.
-inline WzScanDBPtr OpenGeneric(const std::string& directory, CKoError& err) {
-  g_ptrLogWriter->SetNone();
-  WzScanDBRecordPtr prototype;
-  CreateGlusterEmptyRecordObject(prototype);
-  WzScanDBPtr db;
-  CreateWzScanDBObject(db, prototype);
-  std::string text = directory;
-  WzScanDBObjectInitialize(db, text, err);
-  return db;
-}
 
 inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir) {
   WzScanDBRecordPtr record;

@@ -96,7 +96,7 @@ TEST(RecordWriterKilledTest, AcknowledgedOperationsSurviveTheKill) {
     totalAcked += acked.size();
 
     CKoError err;
-    WzScanDBPtr db = OpenGeneric(database, err);
+    WzScanDBPtr db = OpenGenericDatabase(database, err);
     ASSERT_TRUE(err.IsSuccess()) << err.AsString();
     std::string report;
     EXPECT_EQ(0, db->checkConsistency(&report)) << report;

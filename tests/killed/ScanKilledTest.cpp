@@ -76,7 +76,7 @@ TEST(ScanKilledTest, KilledScansLeaveAnOpenableConsistentDatabase) {
     }
     {
       CKoError err;
-      WzScanDBPtr db = OpenGeneric(database, err);
+      WzScanDBPtr db = OpenGenericDatabase(database, err);
       ASSERT_TRUE(err.IsSuccess()) << err.AsString();
       std::string report;
       EXPECT_EQ(0, db->checkConsistency(&report)) << report;
