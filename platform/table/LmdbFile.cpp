@@ -9,6 +9,7 @@
 #include <cstring>
 #include <cstdio>
 
+#include "LmdbVerifier.h"
 #include "runtime/FXFile.h"
 #include "table/TableStatus.h"
 
@@ -18,24 +19,6 @@ namespace {
 constexpr uint64_t kMiB = 1024 * 1024;
 
 uint64_t roundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
-
-// Layout of an LMDB 0.9 meta page: a 16-byte page header, then MDB_meta.
-constexpr size_t kMetaMagicAt = 16;
-constexpr size_t kMetaVersionAt = 20;
-constexpr size_t kMetaPageSizeAt = 40;  // mm_dbs[FREE_DBI].md_pad
-constexpr size_t kMetaMainRootAt = 40 + 48 + 40;  // mm_dbs[MAIN_DBI].md_root
-constexpr size_t kMetaLastPageAt = 136;
-constexpr size_t kMetaTxnIdAt = 144;
-constexpr size_t kMetaBytes = 152;
-constexpr uint32_t kLmdbMagic = 0xBEEFC0DEu;
-constexpr uint32_t kLmdbDataVersion = 1;
-
-template <typename T>
-T readAt(const unsigned char* page, size_t at) {
-  T value;
-  std::memcpy(&value, page + at, sizeof(T));
-  return value;
-}
 
 int statusFromErrno(int err) {
   switch (err) {
@@ -94,30 +77,7 @@ int LmdbFile::lock(bool exclusive) {
   return errno == EWOULDBLOCK ? TBL_IN_USE : TBL_IO_ERROR;
 }
 
-int LmdbFile::validate() const {
-  const uint64_t size = fileSize();
-  unsigned char meta[2][kMetaBytes];
-  if (size < 2 * kMetaBytes) return TBL_BAD_FORMAT;
-  if (pread(fd_, meta[0], kMetaBytes, 0) != static_cast<ssize_t>(kMetaBytes)) return TBL_BAD_FORMAT;
-  const uint32_t pageSize = readAt<uint32_t>(meta[0], kMetaPageSizeAt);
-  if (pageSize < 512 || pageSize > 65536 || (pageSize & (pageSize - 1)) != 0) return TBL_BAD_FORMAT;
-  if (size < 2ull * pageSize) return TBL_BAD_FORMAT;
-  if (pread(fd_, meta[1], kMetaBytes, pageSize) != static_cast<ssize_t>(kMetaBytes))
-    return TBL_BAD_FORMAT;
-  for (const auto& page : meta) {
-    if (readAt<uint32_t>(page, kMetaMagicAt) != kLmdbMagic) return TBL_BAD_FORMAT;
-    if (readAt<uint32_t>(page, kMetaVersionAt) != kLmdbDataVersion) return TBL_BAD_FORMAT;
-  }
-  // LMDB uses the meta page with the newer transaction id.
-  const unsigned char* current =
-      readAt<uint64_t>(meta[1], kMetaTxnIdAt) > readAt<uint64_t>(meta[0], kMetaTxnIdAt) ? meta[1]
-                                                                                       : meta[0];
-  const uint64_t lastPage = readAt<uint64_t>(current, kMetaLastPageAt);
-  if (lastPage < 1 || lastPage >= size / pageSize) return TBL_BAD_FORMAT;
-  const uint64_t mainRoot = readAt<uint64_t>(current, kMetaMainRootAt);
-  if (mainRoot != ~0ull && (mainRoot < 2 || mainRoot > lastPage)) return TBL_BAD_FORMAT;
-  return TBL_OK;
-}
+int LmdbFile::validate(std::string* reason) const { return verifyLmdbFile(fd_, reason); }
 
 int LmdbFile::preallocate(uint64_t size) {
   int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));

@@ -38,9 +38,9 @@ class LmdbFile {
   int openFile(const std::string& path, bool create, bool readOnly);
   // Non-blocking advisory lock on the file: TBL_IN_USE when held elsewhere.
   int lock(bool exclusive);
-  // Checks that an existing file is an LMDB environment whose meta pages are
-  // sane and whose used pages lie inside the file, before LMDB maps it.
-  int validate() const;
+  // Checks every page of an existing file that LMDB could follow (see
+  // LmdbVerifier.h), before LMDB maps it. TBL_BAD_FORMAT with `reason`.
+  int validate(std::string* reason) const;
   // Opens the environment. `growStep` is the map growth step in bytes and
   // `sizeCap` the largest file allowed (0: no cap).
   int openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap);

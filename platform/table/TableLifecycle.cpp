@@ -228,8 +228,14 @@ int TCtreeTable::Impl::openFiles(WZIndexing::TAccessEnum mode) {
   int status = data.openFile(dataPath(), false, readOnly);
   if (status == TBL_OK) status = data.lock(!readOnly);
   if (status == TBL_OK) status = index.openFile(indexPath(), false, readOnly);
-  if (status == TBL_OK) status = data.validate();
-  if (status == TBL_OK) status = index.validate();
+  // LMDB trusts its pages: a damaged file is refused here, before it is mapped.
+  std::string damage;
+  const LmdbFile* damaged = nullptr;
+  if (status == TBL_OK && (status = data.validate(&damage)) == TBL_BAD_FORMAT) damaged = &data;
+  if (status == TBL_OK && (status = index.validate(&damage)) == TBL_BAD_FORMAT) damaged = &index;
+  if (damaged)
+    self->debug(-1, "Table %s: the file %s is damaged (%s)", name.c_str(), damaged->path().c_str(),
+                damage.c_str());
   if (status == TBL_OK) status = data.openEnv(2, step, cap);
   if (status == TBL_OK)
     status = index.openEnv(static_cast<unsigned>(schema.indexes().size()) + 1, step, cap);
