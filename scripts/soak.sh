@@ -11,8 +11,8 @@
 #   fuzzers                 (scripts/fuzz.sh, both targets)        the rest
 # The soak scripts run with a large round count and are stopped when their
 # share is up; a part passes when it found no failure in its time. The inputs
-# of known, still-open fuzz findings (tests/hostile/inputs/open-issues) are
-# replayed and reported apart. Environment: BUILD_DIR (release tree for the
+# fuzzing found before (tests/hostile/inputs) are replayed through their fuzz
+# targets. Environment: BUILD_DIR (release tree for the
 # soak scripts, default build/soak). Exit status 0 when every part passed.
 set -u
 minutes=${1:-60}
@@ -71,18 +71,16 @@ else
   summary+=("fuzzers: PASS (no new findings)")
 fi
 
-# Known open findings: still crashing, or fixed since?
-for input in tests/hostile/inputs/open-issues/*; do
-  [[ -f $input ]] || continue
+# Every input fuzzing found before, replayed through its fuzz target.
+for input in tests/hostile/inputs/*.bin; do
   case $(basename "$input") in
     table-*) target=fuzz_table_files ;;
     record-*) target=fuzz_records ;;
     *) continue ;;
   esac
-  if build/fuzz/fuzz/$target "$input" >"$logs/open-$(basename "$input").log" 2>&1; then
-    summary+=("open issue $(basename "$input"): no longer crashes; move it to tests/hostile/inputs with a test")
-  else
-    summary+=("open issue $(basename "$input"): still crashes (known)")
+  if ! build/fuzz/fuzz/$target "$input" >"$logs/replay-$(basename "$input").log" 2>&1; then
+    summary+=("replay $(basename "$input"): FAIL (crashes again; see $logs)")
+    failed=1
   fi
 done
 
