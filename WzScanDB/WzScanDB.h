@@ -135,6 +135,9 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   boost::shared_ptr<WzScanDBPerformanceCounter> performanceCounter;
   boost::shared_ptr<WzThread> statisticsThread;
 
+  // Key bytes shared by the children of one folder on `index` (WzScanDBChildren.cpp).
+  int childKeyPrefix(int index);
+
   // ---- sub-tree walk internals (WzScanDBSubTree.cpp) ------------------------
   // SubTreeWalk describes one getSubTree overload: its signature text, its
   // message texts and source lines, and whether it batches and marks records.

@@ -2,10 +2,12 @@
 // parent-and-name index.
 
 #include <memory>
+#include <typeinfo>
 #include <utility>
 
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CAutoTimeCounter.h"
+#include "runtime/CTimeStamp.h"
 #include "runtime/auto_lock.h"
 #include "WzScanDB/WzScanDBErrorSite.h"
 
@@ -31,19 +33,90 @@ inline WzScanDBRecordBasePtr NewProbe(const WzScanDBRecordBasePtr& folder) {
   return probe ? probe : folder->Clone();
 }
 
+// Times the table reads of one getChildren call as READ_RECORD samples, one
+// per read, each from the end of the previous one (or the start) to the
+// arrival of its record: one clock reading per read.
+class ReadLaps {
+ public:
+  explicit ReadLaps(CTimeCounter* counter) noexcept : counter_(counter) {
+    if (counter_) last_ = CTimeStamp::Monotonic();
+  }
+  void lap() noexcept {
+    if (!counter_) return;
+    const CTimeStamp now = CTimeStamp::Monotonic();
+    counter_->Add(now - last_);
+    last_ = now;
+  }
+
+ private:
+  CTimeCounter* counter_;
+  CTimeStamp last_;
+};
+
+// Takes the records of one engine run: each is read straight into a fresh
+// probe, and is a child while its checkParent(folder) holds.
+class ChildCollector : public TCtreeTable::RunReceiver {
+ public:
+  ChildCollector(const WzScanDBRecordBasePtr& folder,
+                 std::vector<WzScanDBRecordBasePtr>& children, ReadLaps& laps)
+      : folder_(folder), children_(children), laps_(laps) {}
+
+  void* buffer() override {
+    probe_ = NewProbe(folder_);
+    buffer_ = probe_->getStructure();
+    return buffer_;
+  }
+  bool take() override {
+    probe_->setStructure(buffer_);
+    laps_.lap();
+    if (!probe_->checkParent(folder_)) {
+      refused_ = true;
+      return false;
+    }
+    children_.push_back(std::move(probe_));
+    return true;
+  }
+  // The run ended on a record that is not a child (its read already timed).
+  bool refused() const { return refused_; }
+
+ private:
+  const WzScanDBRecordBasePtr& folder_;
+  std::vector<WzScanDBRecordBasePtr>& children_;
+  ReadLaps& laps_;
+  WzScanDBRecordBasePtr probe_;
+  void* buffer_ = nullptr;
+  bool refused_ = false;
+};
+
 }  // namespace
+
+// Key bytes that the children of one folder share on the parent-and-name
+// index: every segment but the last (the name). 0 when the schema does not
+// tell, which makes the run stop only at a record that is not a child.
+int WzScanDB::childKeyPrefix(int index) {
+  if (!recordPrototype || index < 0 || index >= recordPrototype->numIndices()) return 0;
+  const SIndices described = recordPrototype->getIndexInformation(index);
+  if (described.numSegments < 2) return 0;
+  const SSegments name =
+      recordPrototype->getSegmentInformation(described.segmentNumber + described.numSegments - 1);
+  const int prefix = described.keyLength - name.segmentSize;
+  return prefix > 0 && prefix < described.keyLength ? prefix : 0;
+}
 
 // The folder's children key is (folder id, empty name): the lowest key any of
 // its children can have. The walk reads forward from there and stops at the
 // first record that is not a child, or at the first non-zero engine status;
 // that last record is dropped. Each child is a fresh record of the folder's
 // type holding the stored image, so the caller owns it outright.
+//
+// A table of exactly this class reads the whole run in one engine call
+// (readRun), which also stops at the first key of another folder without
+// reading that record. A class derived from WzScanDB may override the engine
+// reads, so it gets the getGTERecord/nextRecord calls themselves.
 CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
                                std::vector<WzScanDBRecordBasePtr>& children) {
   auto_lock<FXCriticalSection> lock(dbLock);
   children.clear();
-
-  WzScanDBRecordBasePtr probe = NewProbe(folder);
 
   SPrepareIndexKeyStructure request = folder->prepareIndexKeyFromParent();
   const int keySize = request.keyBufferSize;
@@ -59,6 +132,15 @@ CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
   CTimeCounter* readCounter =
       performanceCounter ? performanceCounter->GetCounter(READ_RECORD) : nullptr;
 
+  if (typeid(*this) == typeid(WzScanDB)) {
+    ReadLaps laps(readCounter);
+    ChildCollector collector(folder, children, laps);
+    readRun(index, key.get(), childKeyPrefix(index), collector);
+    if (!collector.refused()) laps.lap();  // the read that ended the run
+    return CKoError();
+  }
+
+  WzScanDBRecordBasePtr probe = NewProbe(folder);
   int status;
   {
     CAutoTimeCounter timer(readCounter);

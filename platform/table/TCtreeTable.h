@@ -201,6 +201,29 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   int modifyRecord(void* record);
   int deleteRecord();
 
+  // ---- runs of records -----------------------------------------------------
+  // Receives the records of readRun one at a time: buffer() names where the
+  // next record is read to (recordSize bytes), take() is called once it is
+  // there and answers whether to read on. Neither may call the table.
+  class WZTABLE_API RunReceiver {
+   public:
+    virtual void* buffer() = 0;
+    virtual bool take() = 0;
+
+   protected:
+    ~RunReceiver() = default;
+  };
+  // Reads the records of `index` from the first whose key is >= `key` (a
+  // full key, as getGTERecord takes) for as long as their keys begin with the
+  // first prefixLength bytes of `key` and the receiver takes them: the
+  // records that getGTERecord and then nextRecord would return, in one call,
+  // without reading the record of the entry that ends the run. It leaves the
+  // current record where those calls would: on the refused record or on the
+  // first entry outside the prefix; at the end of the index (TBL_NOT_FOUND)
+  // or after a failed read, on the last record read (unchanged if none).
+  // TBL_OK when the run ends at a key outside the prefix or at a refusal.
+  int readRun(int index, const void* key, int prefixLength, RunReceiver& receiver);
+
   // ---- keys --------------------------------------------------------------
   // fillKeySegment appends segment `segment` (0-based within `index`) of the
   // key, taken from `data` (the field's first byte), and advances the cursor;

@@ -128,6 +128,7 @@ struct TCtreeTable::Impl {
   int edgeRead(int idx, void* buffer, bool first);
   int setRead(int idx, const void* key, void* buffer, int prefixLength, bool first);
   bool inSet(const MDB_val& key) const;
+  int readRun(int idx, const void* key, int prefixLength, RunReceiver& receiver);
   int readByNumber(void* buffer, int recordNumber, int length, size_t limit);
 
   // ---- maintenance (TableRebuild.cpp) ----

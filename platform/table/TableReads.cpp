@@ -17,6 +17,16 @@ bool sameKey(const MDB_val& a, const uint8_t* key, size_t length) {
   return a.mv_size == length && std::memcmp(a.mv_data, key, length) == 0;
 }
 
+// Whether `key` begins with prefix[0, length); the trailing zeros that a
+// compressed key dropped count as present.
+bool hasPrefix(const MDB_val& key, const uint8_t* prefix, size_t length) {
+  const size_t n = std::min(key.mv_size, length);
+  if (n != 0 && std::memcmp(key.mv_data, prefix, n) != 0) return false;
+  for (size_t i = n; i < length; ++i)
+    if (prefix[i] != 0) return false;
+  return true;
+}
+
 uint64_t recnoOf(const MDB_val& v) {
   uint64_t recno = 0;
   if (v.mv_size == sizeof recno) std::memcpy(&recno, v.mv_data, sizeof recno);
@@ -40,9 +50,15 @@ void TCtreeTable::Impl::expand(const MDB_val& stored, uint8_t* out) const {
   if (n < size) std::memset(out + n, 0, size - n);
 }
 
+// Reads through the record cursor rather than mdb_get: a cursor that already
+// sits on a leaf page finds a record number within that page's range without
+// descending from the root, and an index walk fetches neighbouring records
+// (the children of one folder were stored together). The cursor no longer
+// marks the current record afterwards.
 int TCtreeTable::Impl::fetch(uint64_t recno, uint8_t* out) {
+  if (positionedIndex < 0) positioned = false;
   MDB_val key{sizeof recno, &recno}, value;
-  int rc = mdb_get(dataRead, records, &key, &value);
+  int rc = mdb_cursor_get(recordCursor, &key, &value, MDB_SET_KEY);
   if (rc != MDB_SUCCESS) return statusFromMdb(rc);
   expand(value, out);
   return TBL_OK;
@@ -219,13 +235,68 @@ int TCtreeTable::Impl::edgeRead(int idx, void* buffer, bool first) {
 }
 
 bool TCtreeTable::Impl::inSet(const MDB_val& key) const {
-  const size_t p = set.prefix.size();
-  const size_t n = std::min(key.mv_size, p);
-  if (n != 0 && std::memcmp(key.mv_data, set.prefix.data(), n) != 0) return false;
-  // Trailing zeros a compressed key dropped are part of the prefix's match.
-  for (size_t i = n; i < p; ++i)
-    if (set.prefix[i] != 0) return false;
-  return true;
+  return hasPrefix(key, set.prefix.data(), set.prefix.size());
+}
+
+// One index cursor walks the run; each record comes through the record
+// cursor, which stays on the leaf page of the previous one, so records stored
+// together cost no descent from the root. The current record is set once, at
+// the end, to the last entry that a getGTERecord/nextRecord sequence would
+// have made current.
+int TCtreeTable::Impl::readRun(int idx, const void* key, int prefixLength,
+                               RunReceiver& receiver) {
+  int status = checkIndex(idx, false);
+  if (status != TBL_OK) return status;
+  if (!key) return TBL_BAD_ARGUMENT;
+  const TableIndex& ix = schema.indexes()[idx];
+  if (prefixLength < 0 || prefixLength > ix.keyLength) return TBL_BAD_ARGUMENT;
+  const uint8_t* search = static_cast<const uint8_t*>(key);
+  const size_t prefix = static_cast<size_t>(prefixLength);
+  status = beginRead(true, true);
+  if (status != TBL_OK) return status;
+  positioned = false;
+
+  MDB_cursor* cursor = indexCursor[idx];
+  MDB_val k{storedKeyLength(ix, search, static_cast<size_t>(ix.keyLength)),
+            const_cast<uint8_t*>(search)};
+  MDB_val v;
+  MDB_val lastKey{0, nullptr};
+  uint64_t lastRecno = 0;
+  bool reached = false;    // an entry became the current record
+  bool onLast = false;     // the index cursor sits on that entry
+  int rc = mdb_cursor_get(cursor, &k, &v, MDB_SET_RANGE);
+  status = TBL_OK;
+  while (rc == MDB_SUCCESS) {
+    const uint64_t recno = recnoOf(v);
+    if (!hasPrefix(k, search, prefix)) {
+      lastKey = k;
+      lastRecno = recno;
+      reached = onLast = true;
+      break;
+    }
+    void* buffer = receiver.buffer();
+    status = buffer ? fetch(recno, static_cast<uint8_t*>(buffer)) : TBL_BAD_ARGUMENT;
+    if (status != TBL_OK) {
+      if (status == TBL_NOT_FOUND) status = TBL_BAD_FORMAT;  // an index entry without its record
+      onLast = false;
+      break;
+    }
+    lastKey = k;
+    lastRecno = recno;
+    reached = onLast = true;
+    if (!receiver.take()) break;
+    rc = mdb_cursor_get(cursor, &k, &v, MDB_NEXT);
+    onLast = false;
+  }
+  if (status == TBL_OK && rc != MDB_SUCCESS) status = statusFromMdb(rc);
+  if (reached) {
+    setCurrent(idx, lastKey, lastRecno);
+    if (!bypass && onLast) {
+      positioned = true;
+      positionedIndex = idx;
+    }
+  }
+  return status;
 }
 
 int TCtreeTable::Impl::setRead(int idx, const void* key, void* buffer, int prefixLength,
@@ -311,6 +382,10 @@ int TCtreeTable::nextInSet(int index, void* buffer) { return impl_->step(index, 
 
 int TCtreeTable::previousInSet(int index, void* buffer) {
   return impl_->step(index, buffer, false, true);
+}
+
+int TCtreeTable::readRun(int index, const void* key, int prefixLength, RunReceiver& receiver) {
+  return impl_->readRun(index, key, prefixLength, receiver);
 }
 
 int TCtreeTable::getGTERecord(int index, void* key, void* buffer) {

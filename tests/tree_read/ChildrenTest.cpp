@@ -1,12 +1,14 @@
 // getChildren: direct children of a folder from the parent-and-name index.
 
 #include <algorithm>
+#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "TreeReadFixture.h"
 #include "WzScanDB/records/BackupTimeRecord.h"
+#include "runtime/LogCapture.h"
 
 namespace {
 
@@ -86,6 +88,66 @@ TYPED_TEST(ChildrenTest, NamesSharingTheirKeyPrefixAreAllListed) {
                                    shared + std::string(150, 'z')}),
             tied);
   for (const auto& child : children) EXPECT_TRUE(child->checkParent(this->tree.record(folder)));
+}
+
+// A database class derived from WzScanDB may override the engine reads, so
+// its getChildren goes through getGTERecord and nextRecord themselves; the
+// database's own class reads each run in one engine call. Both list the same
+// children and time one READ_RECORD sample per record read, the record that
+// ends the run included.
+template <class RecordType>
+class CountingReads : public WzScanDB {
+ public:
+  CountingReads() : WzScanDB(RecordType::Prototype()) {}
+  int getGTERecord(int index, void* key, void* buffer) override {
+    ++gte;
+    return WzScanDB::getGTERecord(index, key, buffer);
+  }
+  int nextRecord(int index, void* buffer) override {
+    ++next;
+    return WzScanDB::nextRecord(index, buffer);
+  }
+  int gte = 0, next = 0;
+};
+
+TYPED_TEST(ChildrenTest, DerivedClassesReadThroughTheirOverridesAndListTheSame) {
+  TreeModel& model = this->tree.model();
+  model.addRandom(model.addFolder(0, "top"), 300, 6, 3);
+  model.addFolder(0, "empty");
+  this->Store();
+  TempDir otherDir;
+  CountingReads<TypeParam> derived;
+  ASSERT_FALSE(derived.initialize(otherDir.path()).IsError());
+  for (int id = 0; id < model.size(); ++id)
+    ASSERT_FALSE(derived.addRecordWithoutCheck(this->tree.record(id)).IsError());
+  auto capture = CLogCapture::Install();
+
+  std::vector<WzScanDBRecordBasePtr> own, through;
+  size_t reads = 0, folders = 0;
+  for (int id = 0; id < model.size(); ++id) {
+    if (!model.node(id).isDir) continue;
+    ++folders;
+    ASSERT_FALSE(this->db->getChildren(this->tree.record(id), own).IsError());
+    const int nextBefore = derived.next;
+    ASSERT_FALSE(derived.getChildren(this->tree.record(id), through).IsError());
+    ASSERT_EQ(this->tree.nodesOf(own), this->tree.nodesOf(through)) << "folder " << id;
+    ASSERT_EQ(this->tree.nodesOf(own), model.childrenInKeyOrder(id)) << "folder " << id;
+    EXPECT_EQ(size_t(derived.next - nextBefore), through.size());
+    for (size_t i = 0; i < own.size(); ++i)
+      EXPECT_EQ(0, memcmp(own[i]->getStructure(), through[i]->getStructure(), 436));
+    reads += own.size() + 1;
+  }
+  EXPECT_EQ(size_t(derived.gte), folders);
+
+  // The counter blocks written by close: one sample per read on both.
+  const std::string expected = " READ_RECORD : samples=" + std::to_string(reads) + " ";
+  this->db->close();
+  derived.close();
+  auto lines = capture->FindContaining(" READ_RECORD : ");
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(0u, lines[lines.size() - 2].message.find(expected)) << lines[lines.size() - 2].message;
+  EXPECT_EQ(0u, lines.back().message.find(expected)) << lines.back().message;
+  capture->Remove();
 }
 
 // A table without a tree: the backup-time record has no parent index and
