@@ -309,14 +309,28 @@ class Verifier {
     ++counts.leaf;
     if (packed) return checkPackedKeys(p, pageSize_, tree.fixedSize, count, tree, low, high, pgno,
                                        counts);
-    std::vector<Key> keys(count);
+    std::vector<Key> keys = takeKeys(count);
     for (size_t i = 0; i < count; ++i) {
       const uint8_t* node = nullptr;
       if (!nodeAt(p, pageSize_, i, pgno, &node, &keys[i])) return false;
       if (!checkLeafNode(p, node, keys[i], pgno, tree, counts)) return false;
     }
-    return checkKeyOrder(tree, tree.keys, keys, 0, low, high, pgno);
+    const bool ordered = checkKeyOrder(tree, tree.keys, keys, 0, low, high, pgno);
+    giveKeys(std::move(keys));
+    return ordered;
   }
+
+  // Key lists are reused from page to page rather than allocated for each.
+  std::vector<Key> takeKeys(size_t count) {
+    std::vector<Key> keys;
+    if (!spareKeys_.empty()) {
+      keys = std::move(spareKeys_.back());
+      spareKeys_.pop_back();
+    }
+    keys.resize(count);
+    return keys;
+  }
+  void giveKeys(std::vector<Key>&& keys) { spareKeys_.push_back(std::move(keys)); }
 
   // Packed keys of one size, without nodes (duplicates of a fixed size).
   bool checkPackedKeys(const uint8_t* p, size_t size, size_t keySize, size_t count,
@@ -325,10 +339,12 @@ class Verifier {
     if (keySize == 0 || keySize > kMaxKeyBytes || kPageHeader + count * keySize > size)
       return fail("page %llu: %zu packed keys of %zu bytes do not fit %zu bytes", ull(pgno),
                   count, keySize, size);
-    std::vector<Key> keys(count);
+    std::vector<Key> keys = takeKeys(count);
     for (size_t i = 0; i < count; ++i) keys[i] = Key{p + kPageHeader + i * keySize, keySize};
     counts.entries += count;
-    return checkKeyOrder(tree, tree.keys, keys, 0, low, high, pgno);
+    const bool ordered = checkKeyOrder(tree, tree.keys, keys, 0, low, high, pgno);
+    giveKeys(std::move(keys));
+    return ordered;
   }
 
   bool checkLeafNode(const uint8_t* p, const uint8_t* node, const Key& key, uint64_t pgno,
@@ -483,6 +499,7 @@ class Verifier {
   uint32_t pageSize_;
   std::vector<uint64_t> seen_;
   std::vector<std::pair<const uint8_t*, uint64_t>> freeLists_;
+  std::vector<std::vector<Key>> spareKeys_;
   std::string reason_;
 };
 
@@ -525,7 +542,7 @@ int verifyLmdbFile(int fd, std::string* reason) {
 
   const uint64_t pages = lastPage + 1;
   const size_t mapBytes = static_cast<size_t>(pages * pageSize);
-  void* map = mmap(nullptr, mapBytes, PROT_READ, MAP_SHARED, fd, 0);
+  void* map = mmap(nullptr, mapBytes, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
   if (map == MAP_FAILED) return TBL_IO_ERROR;
   Verifier verifier(static_cast<const uint8_t*>(map), pages, pageSize);
   const bool sound = verifier.run(current);
