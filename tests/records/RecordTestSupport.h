@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "WzScanDB/WzHandle.h"
+#include "WzScanDB/records/WzScanDBRecordBase.h"
 #include "runtime/LogCapture.h"
 
 // Captures log lines for the life of the object.
@@ -15,19 +17,40 @@ class ScopedLogCapture {
   ScopedLogCapture() : capture_(CLogCapture::Install()) {}
   ~ScopedLogCapture() { capture_->Remove(); }
   std::vector<CLogEntry> Entries() const { return capture_->Entries(); }
-  void Clear() { capture_->Clear(); }
 
  private:
   std::shared_ptr<CLogCapture> capture_;
 };
 
-// Expects exactly one captured line, with this level, signature and text.
-inline void ExpectOneLine(const ScopedLogCapture& log, int level, const std::string& function,
-                          const std::string& message) {
+// Expects exactly these captured lines, in order, each with this level and signature.
+inline void ExpectLines(const ScopedLogCapture& log, int level, const std::string& function,
+                        const std::vector<std::string>& messages) {
   std::vector<CLogEntry> entries = log.Entries();
-  ASSERT_EQ(entries.size(), 1u) << message;
-  EXPECT_EQ(entries[0].level, level);
-  EXPECT_EQ(entries[0].function, function);
-  EXPECT_EQ(entries[0].message, message);
-  EXPECT_GT(entries[0].line, 0);
+  ASSERT_EQ(entries.size(), messages.size()) << messages[0];
+  for (size_t i = 0; i < entries.size(); ++i) {
+    EXPECT_EQ(entries[i].level, level);
+    EXPECT_EQ(entries[i].function, function);
+    EXPECT_EQ(entries[i].message, messages[i]);
+    EXPECT_GT(entries[i].line, 0);
+  }
+}
+
+inline bool AllZero(const void* data, size_t length) {
+  const unsigned char* bytes = static_cast<const unsigned char*>(data);
+  for (size_t i = 0; i < length; ++i)
+    if (bytes[i]) return false;
+  return true;
+}
+
+inline void InitSchema(WzScanDBRecordBase& r) {
+  r.initializeFieldInformation();
+  r.initializeIndexInformation();
+  r.initializeSegmentInformation();
+}
+
+// Records that leave a record must carry the library's handle deleter, so a
+// caller may drop them after an explicit delete.
+inline void ExpectHandles(std::initializer_list<WzScanDBRecordBasePtr> records) {
+  for (const WzScanDBRecordBasePtr& p : records)
+    EXPECT_NE(boost::get_deleter<CWzHandleDeleter>(p), nullptr);
 }
