@@ -131,6 +131,9 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   std::list<WzScanDBRecordBasePtr> pendingRecords;
   std::list<std::string> pendingPaths;
   uint32_t itemCursor;
+  // Records of a used-up item batch that nothing else holds: getChildren
+  // reads the next batch into them instead of allocating new records.
+  std::vector<WzScanDBRecordBasePtr> spareRecords;
   FXCriticalSection dbLock;
   boost::shared_ptr<WzScanDBPerformanceCounter> performanceCounter;
   boost::shared_ptr<WzThread> statisticsThread;

@@ -53,16 +53,30 @@ class ReadLaps {
   CTimeStamp last_;
 };
 
-// Takes the records of one engine run: each is read straight into a fresh
-// probe, and is a child while its checkParent(folder) holds.
+// Takes the records of one engine run: each is read straight into a probe,
+// and is a child while its checkParent(folder) holds. A probe is a spare
+// record of the folder's own type when there is one (the stored image
+// overwrites all of it, as it would a bare record), else a new one.
 class ChildCollector : public TCtreeTable::RunReceiver {
  public:
   ChildCollector(const WzScanDBRecordBasePtr& folder,
-                 std::vector<WzScanDBRecordBasePtr>& children, ReadLaps& laps)
-      : folder_(folder), children_(children), laps_(laps) {}
+                 std::vector<WzScanDBRecordBasePtr>& children,
+                 std::vector<WzScanDBRecordBasePtr>& spares, ReadLaps& laps)
+      : folder_(folder), children_(children), spares_(spares), laps_(laps) {}
 
   void* buffer() override {
-    probe_ = NewProbe(folder_);
+    if (!spares_.empty() && typeid(*spares_.back()) == typeid(*folder_)) {
+      probe_ = std::move(spares_.back());
+      spares_.pop_back();
+      // The spare after this one was last touched a whole batch ago.
+      if (!spares_.empty()) {
+        const char* next = reinterpret_cast<const char*>(spares_.back().get());
+        __builtin_prefetch(next);
+        __builtin_prefetch(next + 64);
+      }
+    } else {
+      probe_ = NewProbe(folder_);
+    }
     buffer_ = probe_->getStructure();
     return buffer_;
   }
@@ -82,6 +96,7 @@ class ChildCollector : public TCtreeTable::RunReceiver {
  private:
   const WzScanDBRecordBasePtr& folder_;
   std::vector<WzScanDBRecordBasePtr>& children_;
+  std::vector<WzScanDBRecordBasePtr>& spares_;
   ReadLaps& laps_;
   WzScanDBRecordBasePtr probe_;
   void* buffer_ = nullptr;
@@ -134,7 +149,7 @@ CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
 
   if (typeid(*this) == typeid(WzScanDB)) {
     ReadLaps laps(readCounter);
-    ChildCollector collector(folder, children, laps);
+    ChildCollector collector(folder, children, spareRecords, laps);
     readRun(index, key.get(), childKeyPrefix(index), collector);
     if (!collector.refused()) laps.lap();  // the read that ended the run
     return CKoError();

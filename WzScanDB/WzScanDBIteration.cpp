@@ -41,6 +41,34 @@ constexpr int kNextItem = 1567;
 // Items per batch; by the batching rule a full batch holds at least one more.
 constexpr int kItemBatch = 10000;
 
+// Moves the records of a used-up batch that nothing else holds (items are
+// handed out as clones; a folder still waiting in the walk is shared) to the
+// spares, which the next batch is read into: a batch of frees and as many
+// allocations saved per refill.
+void KeepSpares(std::vector<WzScanDBRecordBasePtr>& batch,
+                std::vector<WzScanDBRecordBasePtr>& spares) {
+  spares.reserve(spares.size() + batch.size());
+  for (WzScanDBRecordBasePtr& record : batch)
+    if (record.use_count() == 1) spares.push_back(std::move(record));
+  batch.clear();
+}
+
+// Frees the spares once no batch will be read into them.
+void DropSpares(std::vector<WzScanDBRecordBasePtr>& spares) {
+  std::vector<WzScanDBRecordBasePtr>().swap(spares);
+}
+
+// Fetches the record and the path handed out a few calls from now: the batch
+// is larger than the cache, so its entries are cold by the time they go out.
+constexpr size_t kPrefetchAhead = 4;
+void PrefetchItem(const std::vector<WzScanDBRecordBasePtr>& records,
+                  const std::vector<std::string>& paths, size_t index) {
+  if (index >= records.size() || index >= paths.size()) return;
+  const char* record = reinterpret_cast<const char*>(records[index].get());
+  for (int line = 0; line < 8; ++line) __builtin_prefetch(record + 64 * line);
+  __builtin_prefetch(paths[index].data());
+}
+
 }  // namespace
 
 CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBasePtr& item,
@@ -48,8 +76,10 @@ CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBaseP
   auto_lock<FXCriticalSection> lock(dbLock);
   itemCursor = 0;
 
+  KeepSpares(itemRecords, spareRecords);
   CKoError err = getSubTree(start, itemRecords, itemPaths, kItemBatch, false);
   if (err.IsError()) {
+    DropSpares(spareRecords);
     return err.Push(FXCodeLocation(kSourcePath, kGetFirstItemSignature, site::kFirstSubTreeFailed),
                     "getSubtree(%s) Failed", start->toString().c_str());
   }
@@ -59,11 +89,14 @@ CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBaseP
 
   // A start folder without children: the walk is already over.
   if (itemRecords.empty()) {
+    DropSpares(spareRecords);
     return FXErrorUtil::ErrorWin32(
         FXCodeLocation(kSourcePath, kGetFirstItemSignature, site::kFirstNoItems),
         kWin32NoMoreFiles);
   }
 
+  for (size_t ahead = 1; ahead <= kPrefetchAhead; ++ahead)
+    PrefetchItem(itemRecords, itemPaths, ahead);
   item = itemRecords[itemCursor]->Clone();
   WZ_LOG(6, kGetFirstItemSignature, site::kFirstItem, "The First Item from WzScanDB is : %s",
          item->toString().c_str());
@@ -78,9 +111,11 @@ CKoError WzScanDB::getNextItem(WzScanDBRecordBasePtr& item, std::string& path) {
   // The cursor can only pass the buffer's end after the iteration ended (the
   // buffer is then empty); a refill of the finished walk reports the end again.
   if (itemCursor >= itemRecords.size()) {
+    KeepSpares(itemRecords, spareRecords);
     CKoError err = getSubTree(WzScanDBRecordBasePtr(), itemRecords, itemPaths, false, kItemBatch,
                               true);
     if (err.IsError()) {
+      DropSpares(spareRecords);
       return err.Push(FXCodeLocation(kSourcePath, kGetNextItemSignature, site::kNextSubTreeFailed),
                       "Get Subtree function failed in subsequent call");
     }
@@ -88,14 +123,18 @@ CKoError WzScanDB::getNextItem(WzScanDBRecordBasePtr& item, std::string& path) {
            "Calling Subtree function to Buffer %lu items in Memory",
            static_cast<unsigned long>(itemRecords.size()));
     if (itemRecords.empty()) {
+      DropSpares(spareRecords);
       WZ_LOG(6, kGetNextItemSignature, site::kNextNoMoreItems,
              "No more Items returned from the Subtree function");
       return FXErrorUtil::ErrorWin32(
           FXCodeLocation(kSourcePath, kGetNextItemSignature, site::kNextEnd), kWin32NoMoreFiles);
     }
     itemCursor = 0;
+    for (size_t ahead = 0; ahead < kPrefetchAhead; ++ahead)
+      PrefetchItem(itemRecords, itemPaths, ahead);
   }
 
+  PrefetchItem(itemRecords, itemPaths, itemCursor + kPrefetchAhead);
   item = itemRecords[itemCursor]->Clone();
   WZ_LOG(6, kGetNextItemSignature, site::kNextItem, "The Next Item from WzScanDB is : %s",
          item->toString().c_str());

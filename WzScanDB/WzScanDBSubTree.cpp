@@ -121,6 +121,40 @@ inline int withVisited(int flags, bool validate) {
   return validate ? (flags | kRecordFlagVisited) : (flags & ~kRecordFlagVisited);
 }
 
+// Hands out the entries of a path list one after the other, reusing the
+// strings (and their buffers) that the list held before the call, and cuts
+// the list to the entries handed out when it goes. The list thus reads as
+// cleared at the start, without a free and an allocation per path per batch.
+class PathSlots {
+ public:
+  explicit PathSlots(std::vector<std::string>* paths) : paths_(paths) {}
+  ~PathSlots() {
+    if (paths_) paths_->resize(used_);
+  }
+  PathSlots(const PathSlots&) = delete;
+  PathSlots& operator=(const PathSlots&) = delete;
+
+  // The next entry, holding `prefix` followed by `name`.
+  void append(const std::string& prefix, const std::string& name) {
+    if (used_ < paths_->size()) {
+      if (used_ + kAhead < paths_->size()) __builtin_prefetch((*paths_)[used_ + kAhead].data(), 1);
+      (*paths_)[used_].assign(prefix).append(name);
+    } else {
+      std::string path;
+      path.reserve(prefix.size() + name.size());
+      path.append(prefix).append(name);
+      paths_->push_back(std::move(path));
+    }
+    ++used_;
+  }
+  const std::string& last() const { return (*paths_)[used_ - 1]; }
+
+ private:
+  static constexpr size_t kAhead = 8;
+  std::vector<std::string>* paths_;
+  size_t used_ = 0;
+};
+
 }  // namespace
 
 CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
@@ -213,7 +247,7 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
                                bool continueRetrieval) {
   auto_lock<FXCriticalSection> lock(dbLock);
   records.clear();
-  if (paths) paths->clear();
+  PathSlots pathSlots(paths);
 
   auto location = [&walk](int line) { return FXCodeLocation(kSourcePath, walk.signature, line); };
 
@@ -276,20 +310,19 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
                       folder->toString().c_str());
     }
 
+    // The children list is this call's own: each child moves on to
+    // `records` (a folder is also shared with the pending list).
     const int count = static_cast<int>(children.size());
     for (int i = 0; i < count; ++i) {
-      const WzScanDBRecordBasePtr& child = children[i];
-      std::string path;
-      if (paths) {
-        const std::string name = child->getName();
-        path.reserve(prefix.size() + name.size());
-        path.append(prefix).append(name);
-      }
+      records.push_back(std::move(children[i]));
+      const WzScanDBRecordBasePtr& child = records.back();
+      if (paths) pathSlots.append(prefix, child->getName());
 
       if (child->isDir()) {
         pending.push_back(child);
         if (paths) {
           // Room for the delimiter, so that appending it does not reallocate.
+          const std::string& path = pathSlots.last();
           std::string childPrefix;
           childPrefix.reserve(path.size() + 1);
           childPrefix.append(path);
@@ -297,13 +330,10 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
           prefixes.push_back(std::move(childPrefix));
         }
       }
-      records.push_back(child);
       const int flags = child->getFlags();
       const bool changed = walk.marks && withVisited(flags, validate) != flags;
-      if (changed) child->setFlags(withVisited(flags, validate));
-      if (paths) paths->push_back(std::move(path));
-
       if (changed) {
+        child->setFlags(withVisited(flags, validate));
         err = updateDBRecord(child);
         if (err.IsError()) {
           return err.Push(location(walk.childWriteFailedLine), walk.childWriteFailedText,
@@ -311,6 +341,7 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
         }
       }
     }
+    children.clear();
 
     if (walk.batched && maxItems < static_cast<int>(records.size())) return CKoError();
   }

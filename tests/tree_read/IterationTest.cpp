@@ -219,6 +219,57 @@ TYPED_TEST(IterationTest, FirstBatchOfTenThousandAndOneChildren) {
   this->CheckWideIteration(10001, 10001);
 }
 
+// Several batches over a random tree, with the records of each used-up batch
+// read into again by the next: every item and path matches the model, items
+// kept by the caller and folder listings taken between two items stay as
+// they were, and a second iteration in a row walks the same.
+TYPED_TEST(IterationTest, ManyBatchesKeepEveryItemAndListingIntact) {
+  TreeModel& model = this->tree.model();
+  const int start = model.addFolder(0, "start");
+  model.addRandom(start, 26000, 40, 5);
+  this->Store();
+  const std::vector<int> expected = model.breadthFirst(start);
+  const std::vector<std::string> expectedPaths = this->RelativePaths(start, expected);
+  ASSERT_GT(expected.size(), 25000u);
+
+  std::vector<int> folders;
+  for (int id : expected)
+    if (model.node(id).isDir) folders.push_back(id);
+  ASSERT_GT(folders.size(), 30u);
+
+  std::vector<WzScanDBRecordBasePtr> keptItems;
+  std::vector<std::vector<WzScanDBRecordBasePtr>> listings;
+  std::vector<int> listed, walked;
+  std::vector<std::string> paths;
+  WzScanDBRecordBasePtr item;
+  std::string path;
+  CKoError err = this->db->getFirstItem(this->tree.record(start), item, path);
+  while (!err.IsError()) {
+    walked.push_back(this->tree.nodeOf(item));
+    paths.push_back(path);
+    if (walked.size() % 997 == 0) {
+      keptItems.push_back(item);
+      const int folder = folders[listings.size() % folders.size()];
+      listings.emplace_back();
+      ASSERT_FALSE(this->db->getChildren(this->tree.record(folder), listings.back()).IsError());
+      listed.push_back(folder);
+    }
+    err = this->db->getNextItem(item, path);
+  }
+  ExpectEndOfIteration(err, kNextSignature, 1562);
+  ASSERT_EQ(expected, walked);
+  EXPECT_EQ(expectedPaths, paths);
+
+  for (size_t k = 0; k < keptItems.size(); ++k)
+    EXPECT_EQ(expected[(k + 1) * 997 - 1], this->tree.nodeOf(keptItems[k]));
+  for (size_t k = 0; k < listings.size(); ++k)
+    EXPECT_EQ(model.childrenInKeyOrder(listed[k]), this->tree.nodesOf(listings[k])) << k;
+
+  std::vector<std::string> again;
+  EXPECT_EQ(expected, this->WalkAll(start, again));
+  EXPECT_EQ(expectedPaths, again);
+}
+
 // 10000 children are not more than the bound: the first batch goes on into
 // the first child folder (three files and a folder).
 TYPED_TEST(IterationTest, FirstBatchOfTenThousandChildrenTakesTheNextFolder) {
