@@ -10,8 +10,9 @@
 //   table.buildKey(0, rec, &key);
 //   table.getRecord(0, key.bytes, &rec);
 //
-// The schema and the registration order are those the scan database uses for
-// its generic record. Not thread-safe, like the table it extends.
+// The schema (SchemaLayout::generic()) and the registration order are those
+// the scan database uses for its generic record. Not thread-safe, like the
+// table it extends.
 #pragma once
 
 #include <cstddef>
@@ -19,9 +20,8 @@
 #include <cstring>
 #include <string>
 
+#include "support/SchemaLayout.h"
 #include "table/TCtreeTable.h"
-#include "table/TFieldType.h"
-#include "table/TKeyType.h"
 #include "table/TableStatus.h"
 
 // The record image: 436 bytes of fields and 4 bytes of padding.
@@ -53,31 +53,7 @@ class GenericSchemaTable : public TCtreeTable {
 
   // Registers the schema for the table `name` (path without extension).
   // Returns the first non-zero engine status, or TBL_OK.
-  int define(const std::string& name) {
-    int status = internalInitialize(name.c_str(), 1, 6, 2, 3, 440, 181);
-    if (status != TBL_OK) return status;
-    static const struct {
-      const char* name;
-      unsigned long offset;
-      short type;
-      short length;
-    } kFields[] = {
-        {"guid", 0, kFieldBinary, 16},       {"parent_guid", 16, kFieldBinary, 16},
-        {"stat_data", 32, kFieldBinary, 144}, {"refTime", 176, kFieldUInt32, 4},
-        {"flags", 180, kFieldUInt8, 1},       {"sname", 181, kFieldString, 255},
-    };
-    for (const auto& f : kFields)
-      if ((status = setNextField(f.name, f.offset, f.type, f.length)) != TBL_OK) return status;
-    if ((status = setNextIndex("guid", 16, kKeyFixed, 0, 0, 0, 1, 0)) != TBL_OK) return status;
-    if ((status = setNextIndex("parent_guid_and_sname", 72, kKeyCompressBoth, 1, 0, 0, 2, 1)) !=
-        TBL_OK)
-      return status;
-    if ((status = setNextSegment(0, 16, 1)) != TBL_OK) return status;
-    if ((status = setNextSegment(1, 16, 1)) != TBL_OK) return status;
-    if ((status = setNextSegment(5, 56, 1)) != TBL_OK) return status;
-    for (int i = 0; i < 6; ++i) shellOrder(i);
-    return initializeComplete();
-  }
+  int define(const std::string& name) { return defineSchema(*this, name, SchemaLayout::generic()); }
 
   int createTable(const std::string& name) {
     int status = define(name);

@@ -1,13 +1,9 @@
-// Files: create / open statuses, the lock, schema and table-id checks, file
-// sizes, variable-length storage, record numbers, current-record rules.
+// Files: create / open statuses, the lock, file sizes, variable-length
+// storage, record numbers, current-record rules, read-only opens. (Damaged,
+// foreign and missing files: tests/table_badfiles; a full disk: tests/fulldisk.)
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstdio>
 
 #include "TableTestUtil.h"
 #include "support/TempDir.h"
@@ -17,102 +13,38 @@ using namespace tabletest;
 TEST(TableFiles, CreateAndOpenStatuses) {
   TempDir dir;
   const std::string name = dir / "t";
-  {
-    TCtreeTable table;
-    ASSERT_EQ(defineSchema(table, name, genericSchema()), TBL_OK);
-    EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_FILE_MISSING);
-    EXPECT_EQ(table.open(WZIndexing::kAccessCreate), TBL_BAD_ARGUMENT);
-    ASSERT_EQ(table.create(), TBL_OK);
-    EXPECT_TRUE(table.isOpen());
-    // A second object on the same files, in the same process: in use.
-    TCtreeTable second;
-    EXPECT_EQ(openTable(second, name, genericSchema()), TBL_IN_USE);
-    EXPECT_EQ(openTable(second, name, genericSchema(), WZIndexing::kAccessReadOnly), TBL_IN_USE);
-    EXPECT_FALSE(second.isOpen());
-    auto image = genericRecord(1, 2, "kept");
-    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
-    ASSERT_EQ(table.close(), TBL_OK);
-    EXPECT_EQ(table.close(), TBL_NOT_OPEN);
-  }
-  {
-    TCtreeTable again;
-    EXPECT_EQ(createTable(again, name, genericSchema()), TBL_FILE_EXISTS);
-    ASSERT_EQ(again.open(WZIndexing::kAccessReadWrite), TBL_OK);
-    std::vector<uint8_t> out(440);
-    ASSERT_EQ(again.firstRecord(-1, out.data()), TBL_OK);
-    EXPECT_EQ(out, genericRecord(1, 2, "kept"));
-  }
-  // Only an index file left over: create refuses and makes no data file.
-  const std::string other = dir / "o";
-  writeFile(other + ".idx", "x");
-  TCtreeTable table;
-  EXPECT_EQ(createTable(table, other, genericSchema()), TBL_FILE_EXISTS);
-  EXPECT_EQ(fileSize(other + ".dat"), -1);
-  // A symlink in place of the data file is not followed.
-  ASSERT_EQ(symlink((dir / "t.dat").c_str(), (dir / "l.dat").c_str()), 0);
-  ASSERT_EQ(symlink((dir / "t.idx").c_str(), (dir / "l.idx").c_str()), 0);
+  TCtreeTable table, second;
+  ASSERT_EQ(defineSchema(table, name, SchemaLayout::generic()), TBL_OK);
+  EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_FILE_MISSING);
+  EXPECT_EQ(table.open(WZIndexing::kAccessCreate), TBL_BAD_ARGUMENT);
+  ASSERT_EQ(table.create(), TBL_OK);
+  EXPECT_TRUE(table.isOpen());
+  // A second object on the same files, in the same process: in use, also
+  // for reading.
+  EXPECT_EQ(openTable(second, name, SchemaLayout::generic(), WZIndexing::kAccessReadOnly), TBL_IN_USE);
+  EXPECT_FALSE(second.isOpen());
+  auto image = genericRecord(1, 2, "kept");
+  ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
+  ASSERT_EQ(table.close(), TBL_OK);
+  EXPECT_EQ(table.close(), TBL_NOT_OPEN);
+  ASSERT_EQ(second.open(WZIndexing::kAccessReadWrite), TBL_OK);
+  Image out(440);
+  ASSERT_EQ(second.firstRecord(-1, out.data()), TBL_OK);
+  EXPECT_EQ(out, image);
+  ASSERT_EQ(second.close(), TBL_OK);
+  // A symlink in place of the files is not followed.
+  ASSERT_EQ(symlink((name + ".dat").c_str(), (dir / "l.dat").c_str()), 0);
+  ASSERT_EQ(symlink((name + ".idx").c_str(), (dir / "l.idx").c_str()), 0);
   TCtreeTable linked;
-  EXPECT_EQ(openTable(linked, dir / "l", genericSchema()), TBL_BAD_FORMAT);
-}
-
-TEST(TableFiles, FailedOpensLeaveTheFilesAsTheyWere) {
-  TempDir dir;
-  const std::string name = dir / "t";
-  {
-    TCtreeTable table;
-    ASSERT_EQ(createTable(table, name, genericSchema()), TBL_OK);
-    for (int i = 1; i <= 20; ++i) {
-      auto image = genericRecord(static_cast<uint8_t>(i), 0, "n" + std::to_string(i));
-      ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
-    }
-  }
-  const std::string data = fileBytes(name + ".dat"), index = fileBytes(name + ".idx");
-
-  TCtreeTable lustreLike;  // another schema on the same files
-  EXPECT_EQ(openTable(lustreLike, name, smallSchema()), TBL_SCHEMA_MISMATCH);
-  EXPECT_EQ(fileBytes(name + ".dat"), data);
-  EXPECT_EQ(fileBytes(name + ".idx"), index);
-
-  // An index file of another table with the same schema.
-  const std::string stranger = dir / "s";
-  {
-    TCtreeTable table;
-    ASSERT_EQ(createTable(table, stranger, genericSchema()), TBL_OK);
-  }
-  ASSERT_EQ(rename((stranger + ".idx").c_str(), (name + ".idx").c_str()), 0);
-  TCtreeTable mixed;
-  EXPECT_EQ(openTable(mixed, name, genericSchema()), TBL_FILES_MISMATCH);
-  EXPECT_EQ(fileBytes(name + ".dat"), data);
-
-  ASSERT_EQ(unlink((name + ".idx").c_str()), 0);
-  TCtreeTable missing;
-  EXPECT_EQ(openTable(missing, name, genericSchema()), TBL_FILE_MISSING);
-  EXPECT_EQ(fileBytes(name + ".dat"), data);
-
-  writeFile(name + ".idx", "");
-  TCtreeTable empty;
-  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
-  writeFile(name + ".idx", std::string(8192, '\x5a'));
-  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
-  writeFile(name + ".idx", index.substr(0, index.size() / 2));
-  EXPECT_EQ(openTable(empty, name, genericSchema()), TBL_BAD_FORMAT);
-  EXPECT_EQ(fileBytes(name + ".dat"), data);
-  EXPECT_EQ(fileSize(name + ".idx"), static_cast<long long>(index.size() / 2));
-
-  // With its own index file back, the table opens and holds everything.
-  writeFile(name + ".idx", index);
-  TCtreeTable table;
-  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
-  EXPECT_EQ(table.numberOfRecords(), 20);
-  EXPECT_EQ(table.checkConsistency(), TBL_OK);
+  EXPECT_EQ(openTable(linked, dir / "l", SchemaLayout::generic()), TBL_BAD_FORMAT);
 }
 
 TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
   TempDir dir;
   const std::string name = dir / "t";
   TCtreeTable table;
-  ASSERT_EQ(createTable(table, name, genericSchema()), TBL_OK);
-  std::vector<std::vector<uint8_t>> images;
+  ASSERT_EQ(createTable(table, name, SchemaLayout::generic()), TBL_OK);
+  std::vector<Image> images;
   for (int i = 0; i < 2000; ++i) {
     auto image = genericRecord(0, static_cast<uint8_t>(i % 7), "file-name-of-20-byte");
     std::memcpy(image.data(), &i, sizeof i);
@@ -127,12 +59,12 @@ TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
   auto bare = genericRecord(0xF2, 1, "");
   ASSERT_EQ(table.addRecord(full.data()), TBL_OK);
   ASSERT_EQ(table.addRecord(bare.data()), TBL_OK);
-  std::vector<uint8_t> out(440, 0xEE);
+  Image out(440, 0xEE);
   ASSERT_EQ(table.readByOffset(out.data(), 2001, 440), TBL_OK);
   EXPECT_EQ(out, full);
   ASSERT_EQ(table.readByOffset(out.data(), 2002, 440), TBL_OK);
   EXPECT_EQ(out, bare);
-  std::vector<uint8_t> fixed(440, 0xEE);
+  Image fixed(440, 0xEE);
   ASSERT_EQ(table.readFixedByOffset(fixed.data(), 2001, 440), TBL_OK);
   EXPECT_TRUE(std::equal(fixed.begin(), fixed.begin() + 181, full.begin()));
   EXPECT_EQ(fixed[181], 0xEE);  // only the fixed part is copied
@@ -147,7 +79,7 @@ TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
   EXPECT_LT(dataSize + indexSize, 2002LL * 400);
   EXPECT_LT(dataSize, 2002LL * 300);  // trimmed: far less than 440 per record
 
-  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
+  ASSERT_EQ(openTable(table, name, SchemaLayout::generic()), TBL_OK);
   for (int i = 0; i < 2000; i += 97) {
     ASSERT_EQ(table.readByOffset(out.data(), i + 1, 440), TBL_OK);
     EXPECT_EQ(out, images[i]);
@@ -159,34 +91,11 @@ TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
   EXPECT_LE(fileSize(name + ".dat"), dataSize + 64 * 1024);
 }
 
-TEST(TableFiles, RecordNumbersAreNeverReused) {
-  TempDir dir;
-  const std::string name = dir / "t";
-  TCtreeTable table;
-  ASSERT_EQ(createTable(table, name, smallSchema()), TBL_OK);
-  std::vector<uint8_t> out(64);
-  for (uint64_t id = 1; id <= 3; ++id) {
-    auto image = smallRecord(id, 0, 0, "r");
-    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
-  }
-  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
-  EXPECT_EQ(table.currentRecordNumber(), 3);
-  ASSERT_EQ(table.deleteRecord(), TBL_OK);
-  EXPECT_EQ(table.currentRecordNumber(), 0);
-  ASSERT_EQ(table.close(), TBL_OK);
-  ASSERT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_OK);
-  auto image = smallRecord(9, 0, 0, "new");
-  ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
-  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
-  EXPECT_EQ(table.currentRecordNumber(), 4);
-  EXPECT_EQ(out, image);
-}
-
-TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
+TEST(TableFiles, CurrentRecordRulesBypassModeAndRecordNumbers) {
   TempDir dir;
   TCtreeTable table;
   const SchemaLayout layout = smallSchema();
-  std::vector<uint8_t> out(64);
+  Image out(64);
   EXPECT_EQ(table.firstRecord(0, out.data()), TBL_NOT_OPEN);
   ASSERT_EQ(createTable(table, dir / "t", layout), TBL_OK);
   auto a = smallRecord(10, 1, 100, "a"), b = smallRecord(20, 1, 200, "b"), c = smallRecord(30, 2, 300, "c");
@@ -240,6 +149,18 @@ TEST(TableFiles, CurrentRecordRulesAndBypassMode) {
   ASSERT_EQ(table.firstRecord(0, out.data()), TBL_OK);
   EXPECT_EQ(out, moved);
   EXPECT_EQ(table.checkConsistency(), TBL_OK);
+
+  // Record numbers are never reused, not even the last one after a reopen.
+  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 3);
+  ASSERT_EQ(table.deleteRecord(), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 0);
+  ASSERT_EQ(table.close(), TBL_OK);
+  ASSERT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_OK);
+  ASSERT_EQ(table.addRecord(a.data()), TBL_OK);
+  ASSERT_EQ(table.lastRecord(-1, out.data()), TBL_OK);
+  EXPECT_EQ(table.currentRecordNumber(), 4);
+  EXPECT_EQ(out, a);
 }
 
 TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
@@ -256,7 +177,7 @@ TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
   ASSERT_EQ(openTable(reader, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
   ASSERT_EQ(openTable(other, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
   EXPECT_EQ(openTable(writer, name, smallSchema()), TBL_IN_USE);
-  std::vector<uint8_t> out(64);
+  Image out(64);
   ASSERT_EQ(reader.firstRecord(0, out.data()), TBL_OK);
   EXPECT_EQ(reader.addRecord(out.data()), TBL_READ_ONLY);
   EXPECT_EQ(reader.modifyRecord(out.data()), TBL_READ_ONLY);
@@ -266,50 +187,4 @@ TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
   ASSERT_EQ(other.close(), TBL_OK);
   EXPECT_EQ(fileBytes(name + ".dat"), data);
   EXPECT_EQ(writer.open(WZIndexing::kAccessReadWrite), TBL_OK);
-}
-
-// A file size limit (as a full disk) stops writes with TBL_FILE_FULL; every
-// write acknowledged before is kept and a refused write changed nothing.
-TEST(TableFiles, FileSizeLimitGivesFileFullAndKeepsAcknowledgedRecords) {
-  TempDir dir;
-  const std::string name = dir / "t";
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = {3 << 20, 3 << 20};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    TCtreeTable table;
-    if (createTable(table, name, genericSchema()) != TBL_OK) _exit(100);
-    int added = 0, status = TBL_OK;
-    while (added < 100000) {
-      auto image = genericRecord(0, static_cast<uint8_t>(added % 5), "name-" + std::to_string(added));
-      std::memcpy(image.data(), &added, sizeof added);
-      std::memset(image.data() + 32, 0x33, 144);
-      status = table.addRecord(image.data());
-      if (status != TBL_OK) break;
-      ++added;
-    }
-    if (status != TBL_FILE_FULL) _exit(101);
-    // Reads still work, and so does a delete (freed pages are reused).
-    std::vector<uint8_t> out(440);
-    if (table.firstRecord(0, out.data()) != TBL_OK || table.deleteRecord() != TBL_OK) _exit(102);
-    table.close();
-    FILE* f = std::fopen((dir / "count").c_str(), "w");
-    std::fprintf(f, "%d", added - 1);
-    std::fclose(f);
-    _exit(0);
-  }
-  int wstatus = 0;
-  ASSERT_EQ(waitpid(child, &wstatus, 0), child);
-  ASSERT_TRUE(WIFEXITED(wstatus));
-  ASSERT_EQ(WEXITSTATUS(wstatus), 0);
-  const int kept = std::stoi(fileBytes(dir / "count"));
-  EXPECT_GT(kept, 1000);
-  EXPECT_LE(fileSize(name + ".dat"), 3 << 20);
-  TCtreeTable table;
-  ASSERT_EQ(openTable(table, name, genericSchema()), TBL_OK);
-  EXPECT_EQ(table.numberOfRecords(), kept);
-  std::string report;
-  EXPECT_EQ(table.checkConsistency(&report), TBL_OK) << report;
 }

@@ -1,72 +1,52 @@
-// TableModel: an in-memory reference for the table engine's record
-// semantics, used by the differential test. Keys are kept full-length (never
-// trimmed) and entries are ordered by (key, record number), which is the
-// order the engine promises on every index.
+// TableModel: an in-memory reference for the table engine's record semantics,
+// used by the differential test. Keys are kept full-length (never trimmed) and
+// entries are ordered by (key, record number), the order the engine promises
+// on every index. Writes and reads return the status the engine must answer.
 #pragma once
 
-#include <cstdint>
 #include <limits>
 #include <map>
 #include <set>
-#include <string>
 #include <utility>
-#include <vector>
 
-#include "TableSchemas.h"
+#include "TableTestUtil.h"
 #include "table/TableStatus.h"
 
 namespace tabletest {
 
 class TableModel {
  public:
-  using Image = std::vector<uint8_t>;
   using Entry = std::pair<std::string, uint64_t>;
+  enum Keyed { kEqual, kGTE, kGT, kLTE, kLT };
 
   explicit TableModel(SchemaLayout layout) : layout_(std::move(layout)), entries_(layout_.indexes.size()) {}
 
-  const SchemaLayout& layout() const { return layout_; }
   const std::map<uint64_t, Image>& records() const { return records_; }
   bool suspended() const { return suspended_; }
+  uint64_t currentRecno() const { return current_.valid && current_.exists ? current_.recno : 0; }
 
-  // The key of `index` for an image, transformed independently of the engine.
+  // The key of `index`, transformed independently of the engine: integers
+  // big-endian, strings upper-cased in case-insensitive segments only.
   std::string keyOf(const Image& image, int index) const {
-    const IndexLayout& ix = layout_.indexes[index];
+    const auto& ix = layout_.indexes[index];
     std::string key;
     for (int s = 0; s < ix.numSegments; ++s) {
-      const SegmentLayout& seg = layout_.segments[ix.firstSegment + s];
-      const FieldLayout& f = layout_.fields[seg.field];
+      const auto& seg = layout_.segments[ix.firstSegment + s];
+      const auto& f = layout_.fields[seg.field];
       const uint8_t* src = image.data() + f.offset;
+      const bool integer = f.type == kFieldUInt8 || f.type == kFieldUInt32 || f.type == kFieldUInt64;
       for (int b = 0; b < seg.size; ++b) {
-        uint8_t c;
-        if (f.type == kFieldUInt8 || f.type == kFieldUInt32 || f.type == kFieldUInt64)
-          c = src[seg.size - 1 - b];
-        else if (f.type == kFieldString && !seg.caseSensitive && src[b] >= 'a' && src[b] <= 'z')
-          c = static_cast<uint8_t>(src[b] - 32);
-        else
-          c = src[b];
-        key.push_back(static_cast<char>(c));
+        uint8_t c = integer ? src[seg.size - 1 - b] : src[b];
+        if (f.type == kFieldString && !seg.caseSensitive && c >= 'a' && c <= 'z') c -= 32;
+        key.push_back(char(c));
       }
     }
     return key;
   }
 
-  bool uniqueClash(const Image& image, uint64_t except) const {
-    if (suspended_) return false;
-    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
-      if (layout_.indexes[i].duplicates) continue;
-      auto it = entries_[i].lower_bound({keyOf(image, static_cast<int>(i)), 0});
-      if (it != entries_[i].end() && it->first == keyOf(image, static_cast<int>(i)) &&
-          it->second != except)
-        return true;
-    }
-    return false;
-  }
-
-  // ---- writes: return the expected status ----
-  int add(const Image& image, uint64_t* recno) {
+  int add(const Image& image) {
     if (uniqueClash(image, 0)) return TBL_DUPLICATE_KEY;
-    *recno = next_++;
-    insert(*recno, image);
+    insert(next_++, image);
     return TBL_OK;
   }
   int modify(const Image& image) {
@@ -84,40 +64,22 @@ class TableModel {
     return TBL_OK;
   }
 
-  // ---- reads: the expected status and, on success, the record number ----
-  enum Keyed { kEqual, kGTE, kGT, kLTE, kLT };
   int keyed(int index, const std::string& key, Keyed mode, uint64_t* recno) {
     if (suspended_) return TBL_INDEX_SUSPENDED;
     const auto& s = entries_[index];
-    const uint64_t kMax = std::numeric_limits<uint64_t>::max();
-    std::set<Entry>::const_iterator it;
-    switch (mode) {
-      case kEqual:
-        it = s.lower_bound({key, 0});
-        if (it == s.end() || it->first != key) return TBL_NOT_FOUND;
-        break;
-      case kGTE: it = s.lower_bound({key, 0}); break;
-      case kGT: it = s.upper_bound({key, kMax}); break;
-      case kLTE:
-        it = s.upper_bound({key, kMax});
-        if (it == s.begin()) return TBL_NOT_FOUND;
-        --it;
-        break;
-      case kLT:
-        it = s.lower_bound({key, 0});
-        if (it == s.begin()) return TBL_NOT_FOUND;
-        --it;
-        break;
+    auto it = mode == kGT || mode == kLTE ? s.upper_bound({key, kMax}) : s.lower_bound({key, 0});
+    if (mode == kLTE || mode == kLT) {
+      if (it == s.begin()) return TBL_NOT_FOUND;
+      --it;
     }
-    if (it == s.end()) return TBL_NOT_FOUND;
+    if (it == s.end() || (mode == kEqual && it->first != key)) return TBL_NOT_FOUND;
     return found(index, *it, recno);
   }
 
   int edge(int index, bool first, uint64_t* recno) {
     if (index < 0) {
       if (records_.empty()) return TBL_NOT_FOUND;
-      uint64_t r = first ? records_.begin()->first : records_.rbegin()->first;
-      return foundPhysical(r, recno);
+      return foundPhysical(first ? records_.begin()->first : records_.rbegin()->first, recno);
     }
     if (suspended_) return TBL_INDEX_SUSPENDED;
     const auto& s = entries_[index];
@@ -125,117 +87,77 @@ class TableModel {
     return found(index, first ? *s.begin() : *s.rbegin(), recno);
   }
 
-  int step(int index, bool forward, bool inSetMode, uint64_t* recno) {
+  // next/previous (inSet: nextInSet/previousInSet) from the current record;
+  // on another index than the last read's, from the current record's key.
+  int step(int index, bool forward, bool inSet, uint64_t* recno) {
     if (index >= 0 && suspended_) return TBL_INDEX_SUSPENDED;
-    if (inSetMode && (!set_.active || set_.index != index)) return TBL_NO_CURRENT;
+    if (inSet && (!set_.active || set_.index != index)) return TBL_NO_CURRENT;
     if (!current_.valid) return TBL_NO_CURRENT;
     if (index < 0) {
-      if (forward) {
-        auto it = records_.upper_bound(current_.recno);
-        if (it == records_.end()) return TBL_NOT_FOUND;
-        return foundPhysical(it->first, recno);
-      }
-      auto it = records_.lower_bound(current_.recno);
-      if (it == records_.begin()) return TBL_NOT_FOUND;
-      --it;
-      return foundPhysical(it->first, recno);
+      auto it = forward ? records_.upper_bound(current_.recno) : records_.lower_bound(current_.recno);
+      if (forward ? it == records_.end() : it == records_.begin()) return TBL_NOT_FOUND;
+      return foundPhysical(forward ? it->first : std::prev(it)->first, recno);
     }
-    std::string key;
-    if (current_.index == index) {
-      key = current_.key;
-    } else {
-      if (!current_.exists) return TBL_NO_CURRENT;
-      key = keyOf(records_.at(current_.recno), index);
-    }
+    if (current_.index != index && !current_.exists) return TBL_NO_CURRENT;
+    const std::string key = current_.index == index ? current_.key : keyOf(records_.at(current_.recno), index);
     const auto& s = entries_[index];
-    std::set<Entry>::const_iterator it;
-    if (forward) {
-      it = s.upper_bound({key, current_.recno});
-      if (it == s.end()) return TBL_NOT_FOUND;
-    } else {
-      it = s.lower_bound({key, current_.recno});
-      if (it == s.begin()) return TBL_NOT_FOUND;
-      --it;
-    }
-    if (inSetMode && !inSet(it->first)) return TBL_NOT_FOUND;
+    auto it = forward ? s.upper_bound({key, current_.recno}) : s.lower_bound({key, current_.recno});
+    if (forward ? it == s.end() : it == s.begin()) return TBL_NOT_FOUND;
+    if (!forward) --it;
+    if (inSet && !inPrefix(it->first)) return TBL_NOT_FOUND;
     return found(index, *it, recno);
   }
 
   int setEdge(int index, const std::string& prefix, bool first, uint64_t* recno) {
     if (suspended_) return TBL_INDEX_SUSPENDED;
-    set_.active = true;
-    set_.index = index;
-    set_.prefix = prefix;
+    set_ = Set{true, index, prefix};
     const auto& s = entries_[index];
-    std::set<Entry>::const_iterator it;
-    if (first) {
-      it = s.lower_bound({prefix, 0});
-      if (it == s.end()) return TBL_NOT_FOUND;
-    } else {
-      // Last entry whose key starts with the prefix: scan back from the
-      // first entry whose key's prefix part is greater.
+    auto it = s.lower_bound({prefix, 0});
+    if (!first) {
+      // The last entry whose key starts with the prefix, else the one before.
+      auto probe = it;
       it = s.end();
-      auto probe = s.lower_bound({prefix, 0});
-      while (probe != s.end() && probe->first.compare(0, prefix.size(), prefix) == 0) it = probe++;
+      while (probe != s.end() && inPrefix(probe->first)) it = probe++;
       if (it == s.end()) {
         if (probe == s.begin()) return TBL_NOT_FOUND;
         it = std::prev(probe);
       }
     }
-    if (!inSet(it->first)) return TBL_NOT_FOUND;
+    if (it == s.end() || !inPrefix(it->first)) return TBL_NOT_FOUND;
     return found(index, *it, recno);
   }
 
   int byNumber(uint64_t recno) {
-    if (!records_.count(recno)) return TBL_NOT_FOUND;
     uint64_t ignored;
-    return foundPhysical(recno, &ignored);
+    return records_.count(recno) ? foundPhysical(recno, &ignored) : TBL_NOT_FOUND;
   }
 
-  // ---- life cycle ----
   void closed() {
     current_ = Current();
     set_ = Set();
   }
   void suspend() { suspended_ = true; }
-  // Whether a rebuild now meets a duplicate on a unique index.
-  bool rebuildClashes() const {
-    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
-      if (layout_.indexes[i].duplicates) continue;
-      std::set<std::string> seen;
-      for (const auto& r : records_)
-        if (!seen.insert(keyOf(r.second, static_cast<int>(i))).second) return true;
-    }
-    return false;
-  }
-  // Records that must go for the unique indexes to hold (all but the first
-  // record of each clashing key).
+  // Records beyond the first of each key that clashes on a unique index.
   std::vector<uint64_t> clashingRecords() const {
     std::vector<uint64_t> out;
     for (size_t i = 0; i < layout_.indexes.size(); ++i) {
       if (layout_.indexes[i].duplicates) continue;
       std::set<std::string> seen;
       for (const auto& r : records_)
-        if (!seen.insert(keyOf(r.second, static_cast<int>(i))).second) out.push_back(r.first);
+        if (!seen.insert(keyOf(r.second, int(i))).second) out.push_back(r.first);
     }
     return out;
   }
+  // A unique index meeting a duplicate keeps indexing suspended.
   int rebuild() {
-    if (rebuildClashes()) {
-      suspended_ = true;
-      return TBL_DUPLICATE_KEY;
-    }
-    suspended_ = false;
-    return TBL_OK;
-  }
-  uint64_t currentRecno() const {
-    return current_.valid && current_.exists ? current_.recno : 0;
+    suspended_ = !clashingRecords().empty();
+    return suspended_ ? TBL_DUPLICATE_KEY : TBL_OK;
   }
 
  private:
+  static constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
   struct Current {
-    bool valid = false;
-    bool exists = false;
+    bool valid = false, exists = false;
     int index = -1;
     std::string key;
     uint64_t recno = 0;
@@ -246,8 +168,17 @@ class TableModel {
     std::string prefix;
   };
 
-  bool inSet(const std::string& key) const { return key.compare(0, set_.prefix.size(), set_.prefix) == 0; }
-
+  bool uniqueClash(const Image& image, uint64_t except) const {
+    if (suspended_) return false;
+    for (size_t i = 0; i < layout_.indexes.size(); ++i) {
+      if (layout_.indexes[i].duplicates) continue;
+      const std::string key = keyOf(image, int(i));
+      auto it = entries_[i].lower_bound({key, 0});
+      if (it != entries_[i].end() && it->first == key && it->second != except) return true;
+    }
+    return false;
+  }
+  bool inPrefix(const std::string& key) const { return key.compare(0, set_.prefix.size(), set_.prefix) == 0; }
   int found(int index, const Entry& e, uint64_t* recno) {
     current_ = Current{true, true, index, e.first, e.second};
     *recno = e.second;
@@ -260,13 +191,10 @@ class TableModel {
   }
   void insert(uint64_t recno, const Image& image) {
     records_[recno] = image;
-    for (size_t i = 0; i < entries_.size(); ++i)
-      entries_[i].insert({keyOf(image, static_cast<int>(i)), recno});
+    for (size_t i = 0; i < entries_.size(); ++i) entries_[i].insert({keyOf(image, int(i)), recno});
   }
   void erase(uint64_t recno) {
-    const Image& image = records_.at(recno);
-    for (size_t i = 0; i < entries_.size(); ++i)
-      entries_[i].erase({keyOf(image, static_cast<int>(i)), recno});
+    for (size_t i = 0; i < entries_.size(); ++i) entries_[i].erase({keyOf(records_.at(recno), int(i)), recno});
     records_.erase(recno);
   }
 

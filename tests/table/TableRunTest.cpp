@@ -58,7 +58,7 @@ class TableRun : public ::testing::Test {
 
   TempDir dir;
   TCtreeTable table;
-  const SchemaLayout layout = genericSchema();
+  const SchemaLayout layout = SchemaLayout::generic();
 };
 
 TEST_F(TableRun, ReadsThePrefixRunAndLeavesTheCurrentRecordOnItsEnd) {

@@ -6,10 +6,7 @@
 // the newer meta page actually leads to, found by walking the file's trees.
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -23,16 +20,6 @@ namespace {
 constexpr int kRecords = 1200;
 constexpr int kSmallGroup = 3;    // names sharing their key prefix: kept inside the index node
 constexpr int kLargeGroup = 400;  // too many for the node: a tree of their own
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), std::streamsize(bytes.size()));
-}
 
 SGenericRecord makeRecord(int i) {
   SGenericRecord r;
@@ -79,16 +66,14 @@ class Pages {
   uint16_t flags(uint64_t pgno) const { return get<uint16_t>(pgno, 10); }
   size_t nodes(uint64_t pgno) const { return (get<uint16_t>(pgno, 12) - 16u) / 2; }
   size_t nodeAt(uint64_t pgno, size_t i) const { return get<uint16_t>(pgno, 16 + 2 * i); }
+  // A branch node's child page number: 48 bits, little-endian.
   uint64_t child(uint64_t pgno, size_t i) const {
-    const size_t n = nodeAt(pgno, i);
-    return uint64_t{get<uint16_t>(pgno, n)} | uint64_t{get<uint16_t>(pgno, n + 2)} << 16 |
-           uint64_t{get<uint16_t>(pgno, n + 4)} << 32;
+    uint64_t target = 0;
+    std::memcpy(&target, bytes_.data() + pgno * pageSize_ + nodeAt(pgno, i), 6);
+    return target;
   }
   void setChild(uint64_t pgno, size_t i, uint64_t target) {
-    const size_t n = nodeAt(pgno, i);
-    set<uint16_t>(pgno, n, uint16_t(target));
-    set<uint16_t>(pgno, n + 2, uint16_t(target >> 16));
-    set<uint16_t>(pgno, n + 4, uint16_t(target >> 32));
+    std::memcpy(&bytes_[pgno * pageSize_ + nodeAt(pgno, i)], &target, 6);
   }
   // Where node i's data starts, from the start of its page.
   size_t dataAt(uint64_t pgno, size_t i) const {
@@ -96,27 +81,18 @@ class Pages {
     return n + 8 + get<uint16_t>(pgno, n + 6);
   }
 
-  // The page of a named database's record (a leaf of the main tree) and the
-  // record's position in it.
-  void named(const std::string& name, uint64_t* pgno, size_t* at) const {
+  // Where a named database's record (in the main tree's single leaf) starts.
+  size_t named(const std::string& name) const {
     const uint64_t root = mainRoot();
-    ASSERT_EQ(flags(root), 0x02) << "main tree of one leaf expected";
+    EXPECT_EQ(flags(root), 0x02) << "main tree of one leaf expected";
     for (size_t i = 0; i < nodes(root); ++i) {
       const size_t n = nodeAt(root, i);
-      if (bytes_.compare(root * pageSize_ + n + 8, get<uint16_t>(root, n + 6), name) == 0) {
-        *pgno = root;
-        *at = dataAt(root, i);
-        return;
-      }
+      if (bytes_.compare(root * pageSize_ + n + 8, get<uint16_t>(root, n + 6), name) == 0) return dataAt(root, i);
     }
-    FAIL() << "no database named " << name;
+    ADD_FAILURE() << "no database named " << name;
+    return 0;
   }
-  uint64_t namedRoot(const std::string& name) const {
-    uint64_t pgno = 0;
-    size_t at = 0;
-    named(name, &pgno, &at);
-    return get<uint64_t>(pgno, at + 40);
-  }
+  uint64_t namedRoot(const std::string& name) const { return get<uint64_t>(mainRoot(), named(name) + 40); }
   // Leftmost leaf below a page.
   uint64_t firstLeaf(uint64_t pgno) const {
     while (flags(pgno) == 0x01) pgno = child(pgno, 0);
@@ -131,7 +107,6 @@ class Pages {
 class DamagedPages : public ::testing::Test {
  protected:
   void SetUp() override {
-    name_ = dir_ / "WzScanDB";
     GenericSchemaTable table;
     ASSERT_EQ(table.createTable(name_), TBL_OK);
     for (int i = 0; i < kRecords + kSmallGroup + kLargeGroup; ++i) {
@@ -139,17 +114,14 @@ class DamagedPages : public ::testing::Test {
       ASSERT_EQ(table.addRecord(&r), TBL_OK);
     }
     // Deletes leave free pages behind.
+    SGenericRecord got;
     for (int i = 0; i < kRecords; i += 3) {
-      const SGenericRecord r = makeRecord(i);
-      GenericKey key;
-      SGenericRecord got;
-      ASSERT_EQ(table.buildKey(0, r, &key), TBL_OK);
-      ASSERT_EQ(table.getRecord(0, key.bytes, &got), TBL_OK);
+      ASSERT_EQ(table.readByOffset(&got, i + 1, int(sizeof got)), TBL_OK);
       ASSERT_EQ(table.deleteRecord(), TBL_OK);
     }
     ASSERT_EQ(table.close(), TBL_OK);
-    dat_ = readFile(name_ + ".dat");
-    idx_ = readFile(name_ + ".idx");
+    dat_ = fileBytes(name_ + ".dat");
+    idx_ = fileBytes(name_ + ".idx");
   }
 
   // The files with `damage` made to one of them must be refused, with a log
@@ -181,7 +153,7 @@ class DamagedPages : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::string name_;
+  const std::string name_ = dir_ / "WzScanDB";
   std::string dat_, idx_;
 };
 
@@ -238,18 +210,14 @@ TEST_F(DamagedPages, PagesOfTheRecordTree) {
                 "runs past the page");
   expectRefused("one record more than the tree holds", true,
                 [&](Pages& p) {
-                  uint64_t pgno = 0;
-                  size_t at = 0;
-                  p.named("records", &pgno, &at);
-                  p.set<uint64_t>(pgno, at + 32, p.get<uint64_t>(pgno, at + 32) + 1);
+                  const size_t at = p.named("records");
+                  p.set<uint64_t>(p.mainRoot(), at + 32, p.get<uint64_t>(p.mainRoot(), at + 32) + 1);
                 },
                 "entries; its tree has");
   expectRefused("a deeper tree than recorded", true,
                 [&](Pages& p) {
-                  uint64_t pgno = 0;
-                  size_t at = 0;
-                  p.named("records", &pgno, &at);
-                  p.set<uint16_t>(pgno, at + 6, uint16_t(p.get<uint16_t>(pgno, at + 6) + 1));
+                  const size_t at = p.named("records");
+                  p.set<uint16_t>(p.mainRoot(), at + 6, uint16_t(p.get<uint16_t>(p.mainRoot(), at + 6) + 1));
                 },
                 "a leaf page at level");
 }
