@@ -12,143 +12,112 @@ namespace {
 
 class FilesTest : public CoreTest {
  protected:
-  // A closed generic database in `where` holding /r/0 .. /r/<n-1>.
-  void MakeDatabase(const std::string& where, int n) {
-    WzScanDBPtr db = NewDb(boost::make_shared<WzScanDBRecord>());
-    ASSERT_TRUE(Open(*db, where).IsSuccess());
-    for (int i = 0; i < n; ++i)
-      ASSERT_TRUE(db->addDBRecord(Generic("/r/" + std::to_string(i), false, i)).IsSuccess());
-    ASSERT_TRUE(db->close().IsSuccess());
+  // A new directory `name` holding a closed database of /r/0 .. /r/<n-1>.
+  std::string MakeDatabase(const std::string& name, int n) {
+    std::string where = Sub(name);
+    WzScanDBPtr db = NewGenericDb();
+    EXPECT_TRUE(Open(*db, where).IsSuccess());
+    for (int i = 0; i < n; ++i) EXPECT_TRUE(db->addDBRecord(Record(i)).IsSuccess());
+    EXPECT_TRUE(db->close().IsSuccess());
+    return where;
   }
-  // Opens `where` and counts which of /r/0 .. /r/<n-1> it holds.
+  // How many of /r/0 .. /r/<n-1> the database in `where` holds.
   int CountFound(const std::string& where, int n) {
-    WzScanDBPtr db = NewDb(boost::make_shared<WzScanDBRecord>());
+    WzScanDBPtr db = NewGenericDb();
     EXPECT_TRUE(Open(*db, where).IsSuccess());
     int found = 0;
-    for (int i = 0; i < n; ++i) {
-      WzScanDBRecordBasePtr probe = Generic("/r/" + std::to_string(i));
-      bool hit = false;
-      db->checkDBRecord(probe, probe->Clone(), hit);
-      found += hit;
-    }
+    for (int i = 0; i < n; ++i) found += Find(*db, Record(i));
     db->close();
     return found;
   }
+  static WzScanDBRecordBasePtr Record(int i) { return Generic("/r/" + std::to_string(i)); }
   std::string Sub(const std::string& name) {
-    std::string path = dir / name;
-    mkdir(path.c_str(), 0700);
-    return path;
+    mkdir((dir / name).c_str(), 0700);
+    return dir / name;
   }
-  bool Has(const std::string& where, const std::string& file) {
+  static bool Has(const std::string& where, const std::string& file) {
     return FXFile::Exists(where + "/" + file);
   }
-  // Level-0 lines written since the last Clear().
-  size_t LifeCycleLines() {
+  // Each success writes exactly one level-0 line, each failure none.
+  size_t LevelZeroLinesSince(size_t* mark) {
+    auto entries = capture->Entries();
     size_t n = 0;
-    for (const CLogEntry& entry : capture->Entries()) n += entry.level == 0;
+    for (size_t i = *mark; i < entries.size(); ++i) n += entries[i].level == 0;
+    *mark = entries.size();
     return n;
   }
 };
 
-TEST_F(FilesTest, Remove) {
-  std::string db = Sub("db");
-  MakeDatabase(db, 3);
-  capture->Clear();
-  ASSERT_TRUE(WzScanDB::remove(db).IsSuccess());
-  EXPECT_EQ(LifeCycleLines(), 1u);
-  EXPECT_FALSE(Has(db, "WzScanDB.dat"));
-  EXPECT_FALSE(Has(db, "WzScanDB.idx"));
+TEST_F(FilesTest, RemoveMoveAndCopyWithTheirFailurePaths) {
+  std::string from = MakeDatabase("from", 5), to = MakeDatabase("to", 1);
+  size_t mark = capture->Entries().size();
+
+  ASSERT_TRUE(WzScanDB::copy(from, to).IsSuccess());  // replaces what `to` held
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 1u);
+  EXPECT_FALSE(Has(to, "WzScanDB.dat.tmp") || Has(to, "WzScanDB.idx.tmp"));
+  EXPECT_EQ(CountFound(from, 5), 5);
+  EXPECT_EQ(CountFound(to, 5), 5);
+
+  std::string moved = MakeDatabase("moved", 1);  // replaced by the move
+  mark = capture->Entries().size();
+  ASSERT_TRUE(WzScanDB::move(to, moved).IsSuccess());
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 1u);
+  EXPECT_FALSE(Has(to, "WzScanDB.dat") || Has(to, "WzScanDB.idx"));
+  EXPECT_EQ(CountFound(moved, 5), 5);
+
+  mark = capture->Entries().size();
+  ASSERT_TRUE(WzScanDB::remove(moved).IsSuccess());
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 1u);
+  EXPECT_FALSE(Has(moved, "WzScanDB.dat") || Has(moved, "WzScanDB.idx"));
 
   // Without a data file the index file is left alone.
-  std::ofstream(db + "/WzScanDB.idx") << "index";
-  CKoError error = WzScanDB::remove(db);
-  ASSERT_TRUE(error.IsError());
-  EXPECT_EQ(error.GetCode(), ENOENT);
-  EXPECT_TRUE(Has(db, "WzScanDB.idx"));
-}
-
-TEST_F(FilesTest, Move) {
-  std::string from = Sub("from"), to = Sub("to");
-  MakeDatabase(from, 5);
-  MakeDatabase(to, 1);  // replaced by the move
-  capture->Clear();
-  ASSERT_TRUE(WzScanDB::move(from, to).IsSuccess());
-  EXPECT_EQ(LifeCycleLines(), 1u);
-  EXPECT_FALSE(Has(from, "WzScanDB.dat"));
-  EXPECT_FALSE(Has(from, "WzScanDB.idx"));
-  EXPECT_EQ(CountFound(to, 5), 5);
+  std::ofstream(moved + "/WzScanDB.idx") << "index";
+  EXPECT_EQ(WzScanDB::remove(moved).GetCode(), ENOENT);
+  EXPECT_TRUE(Has(moved, "WzScanDB.idx"));
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 0u);
 
   // An index move that fails puts the data file back beside its index.
   std::string blocked = Sub("blocked");
   mkdir((blocked + "/WzScanDB.idx").c_str(), 0700);
   std::ofstream(blocked + "/WzScanDB.idx/keep") << "not empty";
-  capture->Clear();
-  CKoError error = WzScanDB::move(to, blocked);
-  ASSERT_TRUE(error.IsError());
-  EXPECT_EQ(error.GetTopMessage(), "Couldn't move WzScanDB from " + to + " to " + blocked);
-  EXPECT_EQ(LifeCycleLines(), 0u);
-  EXPECT_TRUE(Has(to, "WzScanDB.dat"));
-  EXPECT_TRUE(Has(to, "WzScanDB.idx"));
+  mark = capture->Entries().size();
+  CKoError error = WzScanDB::move(from, blocked);
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 0u);
+  EXPECT_EQ(error.GetTopMessage(), "Couldn't move WzScanDB from " + from + " to " + blocked);
+  EXPECT_TRUE(Has(from, "WzScanDB.dat") && Has(from, "WzScanDB.idx"));
   EXPECT_FALSE(Has(blocked, "WzScanDB.dat"));
-  EXPECT_EQ(CountFound(to, 5), 5);
-
+  EXPECT_EQ(CountFound(from, 5), 5);
   // A missing source moves nothing.
-  std::string empty = Sub("empty");
-  EXPECT_TRUE(WzScanDB::move(empty, to).IsError());
-  EXPECT_EQ(CountFound(to, 5), 5);
-}
-
-TEST_F(FilesTest, Copy) {
-  std::string from = Sub("from"), to = Sub("to");
-  MakeDatabase(from, 4);
-  MakeDatabase(to, 1);
-  capture->Clear();
-  ASSERT_TRUE(WzScanDB::copy(from, to).IsSuccess());
-  EXPECT_EQ(LifeCycleLines(), 1u);
-  EXPECT_FALSE(Has(to, "WzScanDB.dat.tmp"));
-  EXPECT_FALSE(Has(to, "WzScanDB.idx.tmp"));
-  EXPECT_EQ(CountFound(from, 4), 4);
-  EXPECT_EQ(CountFound(to, 4), 4);
+  EXPECT_TRUE(WzScanDB::move(Sub("empty"), from).IsError());
+  EXPECT_EQ(CountFound(from, 5), 5);
 
   // The index copy fails: the data file's temporary copy is removed and the
   // destination keeps what it had.
-  std::string half = Sub("half"), dest = Sub("dest");
-  MakeDatabase(dest, 2);
+  std::string half = Sub("half"), dest = MakeDatabase("dest", 2);
   std::ofstream(half + "/WzScanDB.dat") << "data only";
-  capture->Clear();
-  CKoError error = WzScanDB::copy(half, dest);
-  ASSERT_TRUE(error.IsError());
+  mark = capture->Entries().size();
+  error = WzScanDB::copy(half, dest);
   EXPECT_EQ(error.GetTopMessage(), "Couldn't copy WzScanDB from " + half + " to " + dest);
-  EXPECT_EQ(LifeCycleLines(), 0u);
-  EXPECT_FALSE(Has(dest, "WzScanDB.dat.tmp"));
-  EXPECT_FALSE(Has(dest, "WzScanDB.idx.tmp"));
+  EXPECT_EQ(LevelZeroLinesSince(&mark), 0u);
+  EXPECT_FALSE(Has(dest, "WzScanDB.dat.tmp") || Has(dest, "WzScanDB.idx.tmp"));
   EXPECT_EQ(CountFound(dest, 2), 2);
-
   // A destination directory that does not exist.
   EXPECT_TRUE(WzScanDB::copy(from, dir / "missing").IsError());
   EXPECT_FALSE(FXFile::Exists(dir / "missing"));
 }
 
 TEST_F(FilesTest, SuspendWriteRebuildFindsEveryRecordOnEveryIndex) {
-  WzScanDBPtr db = NewDb(boost::make_shared<WzScanDBRecord>());
+  WzScanDBPtr db = NewGenericDb();
   ASSERT_TRUE(Open(*db, dir.path()).IsSuccess());
-  const int kBefore = 20, kDuring = 30;
-  for (int i = 0; i < kBefore; ++i)
-    ASSERT_TRUE(db->addDBRecord(Generic("/s/" + std::to_string(i))).IsSuccess());
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(db->addDBRecord(Record(i)).IsSuccess());
   ASSERT_TRUE(db->suspendIndex().IsSuccess());
-  for (int i = kBefore; i < kBefore + kDuring; ++i)
-    ASSERT_TRUE(db->addRecordWithoutCheck(Generic("/s/" + std::to_string(i))).IsSuccess());
+  for (int i = 20; i < 50; ++i) ASSERT_TRUE(db->addRecordWithoutCheck(Record(i)).IsSuccess());
   capture->Clear();
   ASSERT_TRUE(db->rebuildIndex().IsSuccess());
   EXPECT_FALSE(capture->FindContaining("Entering").empty()) << "the rebuild is traced";
-  for (int i = 0; i < kBefore + kDuring; ++i) {
-    WzScanDBRecordBasePtr probe = Generic("/s/" + std::to_string(i));
-    for (int index = 0; index < 2; ++index) {
-      bool found = false;
-      ASSERT_TRUE(db->checkDBRecord(probe, probe->Clone(), index, true, found).IsSuccess());
-      EXPECT_TRUE(found) << "record " << i << " on index " << index;
-    }
-  }
+  for (int i = 0; i < 50; ++i)
+    for (int index = 0; index < 2; ++index)
+      EXPECT_TRUE(Find(*db, Record(i), index)) << "record " << i << " on index " << index;
   ASSERT_TRUE(db->close().IsSuccess());
 }
 

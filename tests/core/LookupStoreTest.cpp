@@ -11,23 +11,12 @@ class LookupStoreTest : public CoreTest {
  protected:
   void SetUp() override {
     CoreTest::SetUp();
-    db = NewDb(boost::make_shared<WzScanDBRecord>());
+    db = NewGenericDb();
     ASSERT_TRUE(Open(*db, dir.path()).IsSuccess());
   }
   void TearDown() override {
     db->close();
     CoreTest::TearDown();
-  }
-
-  // Looks `probe` up; returns found and leaves the stored image in *stored.
-  bool Find(WzScanDBRecordBasePtr probe, int index, bool exact,
-            WzScanDBRecordBasePtr* stored = nullptr) {
-    WzScanDBRecordBasePtr out = probe->Clone();
-    bool found = false;
-    CKoError error = db->checkDBRecord(probe, out, index, exact, found);
-    EXPECT_TRUE(error.IsSuccess()) << error.AsString();
-    if (stored) *stored = out;
-    return found;
   }
   size_t CountRecords() {
     WzScanDBRecord buffer;
@@ -37,154 +26,113 @@ class LookupStoreTest : public CoreTest {
       ++n;
     return n;
   }
+  unsigned long long RefTime(const std::string& path) {
+    WzScanDBRecordBasePtr out;
+    EXPECT_TRUE(Find(*db, Generic(path), 0, true, &out)) << path;
+    return out->getRefTime();
+  }
 
   WzScanDBPtr db;
 };
 
-TEST_F(LookupStoreTest, AbsenceIsSuccessWithFoundFalse) {
-  WzScanDBRecordBasePtr probe = Generic("/nowhere");
-  WzScanDBRecordBasePtr out = probe->Clone();
+TEST_F(LookupStoreTest, LookupOnEveryIndex) {
+  // Absence is success with found false; only the callee's copy of the
+  // output pointer is cleared.
+  WzScanDBRecordBasePtr out = Generic("/x");
   bool found = true;
-  ASSERT_TRUE(db->checkDBRecord(probe, out, found).IsSuccess());
+  ASSERT_TRUE(db->checkDBRecord(Generic("/nowhere"), out, found).IsSuccess());
   EXPECT_FALSE(found);
-  EXPECT_TRUE(out) << "only the callee's copy of the output pointer is cleared";
-  found = true;
-  ASSERT_TRUE(db->checkDBRecord(probe, out, 1, false, found).IsSuccess());
-  EXPECT_FALSE(found);
-}
+  EXPECT_TRUE(out);
 
-TEST_F(LookupStoreTest, LookupLoadsTheStoredImage) {
   auto stored = boost::make_shared<WzScanDBRecord>("/a/b", true, 42);
   static_cast<SRecordStructure*>(stored->getStructure())->stat_data.st_size = 4096;
   ASSERT_TRUE(db->addDBRecord(stored).IsSuccess());
-
-  WzScanDBRecordBasePtr out;
-  ASSERT_TRUE(Find(Generic("/a/b"), 0, true, &out));
+  ASSERT_TRUE(Find(*db, Generic("/a/b"), 0, true, &out));
   EXPECT_EQ(std::memcmp(out->getStructure(), stored->getStructure(), 436), 0);
-  EXPECT_TRUE(out->isDir());
+  ASSERT_TRUE(Find(*db, Generic("/a/b"), 1, true, &out)) << "by parent and name";
   EXPECT_EQ(out->getRefTime(), 42u);
-  // The same record by parent and name, exact and at-or-after.
-  ASSERT_TRUE(Find(Generic("/a/b"), 1, true, &out));
-  EXPECT_EQ(out->getRefTime(), 42u);
-  EXPECT_TRUE(Find(Generic("/a/b"), 1, false));
-}
+  EXPECT_TRUE(Find(*db, Generic("/a/b"), 1, false));
 
-TEST_F(LookupStoreTest, GreaterNeighbourIsNotReportedAsFound) {
-  ASSERT_TRUE(db->addDBRecord(Generic("/a/m")).IsSuccess());
-  // At-or-after on the parent index lands on /a/m for both probes; only the
-  // record type's equality test can tell them apart.
-  EXPECT_FALSE(Find(Generic("/a/c"), 1, false));
-  EXPECT_FALSE(Find(Generic("/a/c"), 1, true));
-  EXPECT_FALSE(Find(Generic("/a/c"), 0, false));
-  EXPECT_TRUE(Find(Generic("/a/m"), 1, false));
-}
+  // At-or-after on the parent index lands on /a/b for /a/a; only the record
+  // type's equality test tells them apart.
+  for (int index : {0, 1})
+    for (bool exact : {true, false})
+      EXPECT_FALSE(Find(*db, Generic("/a/a"), index, exact)) << index << exact;
 
-TEST_F(LookupStoreTest, NamesSharingTheKeyPrefixAreToldApartByFullName) {
+  // Same parent and same first 56 name bytes: the same index-1 key, but not
+  // the same entry. Both can be stored and each is found as itself.
   const std::string prefix(56, 'n');
   WzScanDBRecordBasePtr first = Generic("/d/" + prefix + "-first");
   WzScanDBRecordBasePtr second = Generic("/d/" + prefix + "-second");
   ASSERT_TRUE(db->addDBRecord(first).IsSuccess());
-  // Same parent and same first 56 name bytes: the same index-1 key, but not
-  // the same entry.
-  EXPECT_FALSE(Find(second, 1, true));
-  EXPECT_FALSE(Find(second, 1, false));
-  EXPECT_TRUE(Find(first, 1, true));
-
-  // Both can be stored (the index allows duplicates) and both are found by
-  // their own identifiers.
+  EXPECT_FALSE(Find(*db, second, 1, true));
+  EXPECT_FALSE(Find(*db, second, 1, false));
+  EXPECT_TRUE(Find(*db, first, 1, true));
   ASSERT_TRUE(db->addDBRecord(second).IsSuccess());
-  EXPECT_EQ(CountRecords(), 2u);
-  WzScanDBRecordBasePtr out;
-  ASSERT_TRUE(Find(second, 0, true, &out));
-  EXPECT_EQ(out->getName(), prefix + "-second");
-  ASSERT_TRUE(Find(first, 0, true, &out));
-  EXPECT_EQ(out->getName(), prefix + "-first");
+  EXPECT_EQ(CountRecords(), 3u);
+  using Named = std::pair<WzScanDBRecordBasePtr, std::string>;
+  for (const auto& [record, name] : {Named{first, prefix + "-first"}, Named{second, prefix + "-second"}}) {
+    ASSERT_TRUE(Find(*db, record, 0, true, &out)) << name;
+    EXPECT_EQ(out->getName(), name);
+  }
 }
 
-TEST_F(LookupStoreTest, AddTwiceUpdatesInPlace) {
+TEST_F(LookupStoreTest, AddUpdateDeleteAndRoot) {
   ASSERT_TRUE(db->addDBRecord(Generic("/a/b", false, 1)).IsSuccess());
-  EXPECT_EQ(Count("Inserted Record : " + Generic("/a/b", false, 1)->toString() + " Successfully"), 1u);
+  ASSERT_TRUE(db->addDBRecord(Generic("/a/c", false, 1)).IsSuccess());
+  // Add twice updates in place; the line quotes the stored version.
   ASSERT_TRUE(db->addDBRecord(Generic("/a/b", true, 2)).IsSuccess());
   EXPECT_EQ(Count("The Record : " + Generic("/a/b", false, 1)->toString() +
-                  " is already present in the Database, so updating the record..."),
-            1u)
-      << "the stored version is quoted";
-  EXPECT_EQ(CountRecords(), 1u);
+                  " is already present in the Database, so updating the record..."), 1u);
+  EXPECT_EQ(CountRecords(), 2u);
   WzScanDBRecordBasePtr out;
-  ASSERT_TRUE(Find(Generic("/a/b"), 0, true, &out));
-  EXPECT_EQ(out->getRefTime(), 2u);
+  ASSERT_TRUE(Find(*db, Generic("/a/b"), 0, true, &out));
   EXPECT_TRUE(out->isDir());
-}
+  EXPECT_EQ(out->getRefTime(), 2u);
 
-TEST_F(LookupStoreTest, AddingARootRecordSetsTheRoot) {
-  WzScanDBRecordBasePtr before = db->getRoot();
-  ASSERT_TRUE(db->addDBRecord(Generic("/a")).IsSuccess());
-  EXPECT_EQ(db->getRoot(), before) << "a record with a parent is not a root";
-  WzScanDBRecordBasePtr root = Generic("/", true, 7);
-  ASSERT_TRUE(root->isRoot());
-  ASSERT_TRUE(db->addDBRecord(root).IsSuccess());
-  EXPECT_EQ(db->getRoot(), root);
-  // addRecordWithoutCheck does the same in another database of the process.
-  TempDir other;
-  WzScanDBPtr second = NewDb(boost::make_shared<WzScanDBRecord>());
-  ASSERT_TRUE(Open(*second, other.path()).IsSuccess());
-  WzScanDBRecordBasePtr root2 = Generic("/", true, 8);
-  ASSERT_TRUE(second->addRecordWithoutCheck(root2).IsSuccess());
-  EXPECT_EQ(db->getRoot(), root2) << "the root is shared by the whole process";
-  second->close();
-}
-
-TEST_F(LookupStoreTest, DeleteAndUpdateOfAbsentRecords) {
-  ASSERT_TRUE(db->deleteDBRecord(Generic("/gone")).IsSuccess());
+  ASSERT_TRUE(db->updateDBRecord(Generic("/a/b", false, 5)).IsSuccess());
+  EXPECT_EQ(RefTime("/a/b"), 5u);
+  EXPECT_EQ(RefTime("/a/c"), 1u) << "the update touched only its own record";
   CKoError error = db->updateDBRecord(Generic("/gone"));
-  ASSERT_TRUE(error.IsError());
   EXPECT_EQ(error.GetKind(), EKoErrorKind::kErrNo);
   EXPECT_EQ(error.GetCode(), 22);
 
-  ASSERT_TRUE(db->addDBRecord(Generic("/here", false, 1)).IsSuccess());
-  ASSERT_TRUE(db->addDBRecord(Generic("/there", false, 1)).IsSuccess());
-  ASSERT_TRUE(db->updateDBRecord(Generic("/here", false, 5)).IsSuccess());
-  WzScanDBRecordBasePtr out;
-  ASSERT_TRUE(Find(Generic("/here"), 0, true, &out));
-  EXPECT_EQ(out->getRefTime(), 5u);
-  ASSERT_TRUE(Find(Generic("/there"), 0, true, &out));
-  EXPECT_EQ(out->getRefTime(), 1u) << "the update touched only its own record";
-
-  ASSERT_TRUE(db->deleteDBRecord(Generic("/here")).IsSuccess());
-  EXPECT_FALSE(Find(Generic("/here"), 0, true));
-  EXPECT_FALSE(Find(Generic("/here"), 1, true)) << "gone from every index";
-  EXPECT_TRUE(Find(Generic("/there"), 0, true));
-  EXPECT_TRUE(db->deleteDBRecord(Generic("/here")).IsSuccess());
+  ASSERT_TRUE(db->deleteDBRecord(Generic("/a/b")).IsSuccess());
+  EXPECT_FALSE(Find(*db, Generic("/a/b"), 0));
+  EXPECT_FALSE(Find(*db, Generic("/a/b"), 1)) << "gone from every index";
+  EXPECT_TRUE(db->deleteDBRecord(Generic("/a/b")).IsSuccess()) << "absent: nothing to do";
   EXPECT_EQ(CountRecords(), 1u);
-}
 
-TEST_F(LookupStoreTest, AddWithoutCheckReportsTheEngineStatus) {
-  WzScanDBRecordBasePtr record = Generic("/dup", false, 1);
-  ASSERT_TRUE(db->addRecordWithoutCheck(record).IsSuccess());
-  CKoError error = db->addRecordWithoutCheck(Generic("/dup", false, 2));
-  ASSERT_TRUE(error.IsError());
+  // A duplicate key refused by the engine changes nothing and says why.
+  error = db->addRecordWithoutCheck(Generic("/a/c", false, 9));
   EXPECT_EQ(error.GetKind(), EKoErrorKind::kInt);
   EXPECT_EQ(error.GetCode(), TBL_DUPLICATE_KEY);
   EXPECT_NE(error.GetOriginMessage().find(TCtreeTable::errToString(TBL_DUPLICATE_KEY)),
             std::string::npos);
-  WzScanDBRecordBasePtr out;
-  ASSERT_TRUE(Find(record, 0, true, &out));
-  EXPECT_EQ(out->getRefTime(), 1u) << "the refused record changed nothing";
-  EXPECT_EQ(CountRecords(), 1u);
-}
+  EXPECT_EQ(RefTime("/a/c"), 1u);
 
-TEST_F(LookupStoreTest, ReferenceTimeIsKeptInMemoryOnly) {
-  EXPECT_EQ(db->getRefTime(), 0u);
+  // Adding a root record sets the process-wide root, through either add.
+  WzScanDBRecordBasePtr before = db->getRoot();
+  ASSERT_TRUE(db->addDBRecord(Generic("/a")).IsSuccess());
+  EXPECT_EQ(db->getRoot(), before) << "a record with a parent is not a root";
+  WzScanDBRecordBasePtr root = Generic("/", true, 7);
+  ASSERT_TRUE(db->addDBRecord(root).IsSuccess());
+  EXPECT_EQ(db->getRoot(), root);
+  TempDir other;
+  WzScanDBPtr second = NewGenericDb();
+  ASSERT_TRUE(Open(*second, other.path()).IsSuccess());
+  WzScanDBRecordBasePtr root2 = Generic("/", true, 8);
+  ASSERT_TRUE(second->addRecordWithoutCheck(root2).IsSuccess());
+  EXPECT_EQ(db->getRoot(), root2);
+  second->close();
+
+  // The reference time lives in memory only.
   db->setRefTime(123456789012345ULL);
   EXPECT_EQ(db->getRefTime(), 123456789012345ULL);
-  db->setRefTime(0);
-  EXPECT_EQ(db->getRefTime(), 0u);
-  db->setRefTime(5);
   db->close();
-  WzScanDBPtr reopened = NewDb(boost::make_shared<WzScanDBRecord>());
-  ASSERT_TRUE(Open(*reopened, dir.path()).IsSuccess());
-  EXPECT_EQ(reopened->getRefTime(), 0u);
-  reopened->close();
+  db = NewGenericDb();
+  ASSERT_TRUE(Open(*db, dir.path()).IsSuccess());
+  EXPECT_EQ(db->getRefTime(), 0u) << "not stored with the files";
 }
 
 // Lookups, updates and adds without check hold dbLock across the engine's
@@ -200,10 +148,9 @@ TEST_F(LookupStoreTest, LockedOperationsFromSeveralThreads) {
         std::string path = "/t" + std::to_string(t) + "/f" + std::to_string(i);
         if (db->addRecordWithoutCheck(Generic(path, false, 1)).IsError()) ++failures[t];
         if (db->updateDBRecord(Generic(path, false, 1000 + i)).IsError()) ++failures[t];
-        WzScanDBRecordBasePtr probe = Generic(path);
-        WzScanDBRecordBasePtr out = probe->Clone();
+        WzScanDBRecordBasePtr out = Generic(path);
         bool found = false;
-        if (db->checkDBRecord(probe, out, found).IsError() || !found ||
+        if (db->checkDBRecord(Generic(path), out, found).IsError() || !found ||
             out->getRefTime() != 1000u + i || out->getName() != "f" + std::to_string(i))
           ++failures[t];
       }
