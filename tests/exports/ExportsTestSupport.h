@@ -1,7 +1,7 @@
 // Shared helpers of the exported-function tests: a fixture that silences the
-// log and captures it in memory, generic records made by the factories, a
-// database opened through the exported functions, and a stale error value
-// that every exported function must overwrite.
+// log and captures it, generic records made by the factories, a database
+// opened through the exported functions, and a stale error value that every
+// exported function must overwrite.
 #pragma once
 
 #include <cstdlib>
@@ -19,22 +19,27 @@
 
 namespace exportstest {
 
-constexpr const char* kExportsSource = "WzScanDB/WzScanDBExports";
-constexpr const char* kOpenSignature =
-    "void WzScanDBObjectOpen(WzScanDBPtr, CKoError&, WZIndexing::TAccessEnum)";
 constexpr const char* kStaleMessage = "stale error left by the caller";
 
 // An error the caller left in its variable: must never survive a call.
 inline CKoError Stale() {
-  return FXErrorUtil::ErrorErrNo(FXCodeLocation("tests/exports", "Stale()", 1), 99,
-                                 "%s", kStaleMessage);
+  return FXErrorUtil::ErrorErrNo(FXCodeLocation("tests/exports", "Stale()", 1), 99, "%s",
+                                 kStaleMessage);
 }
 
-inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir) {
+inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir = false) {
   WzScanDBRecordPtr record;
   std::string text = path;
   CreateGlusterRecordObject(record, text, isDir, 0);
   return record;
+}
+
+inline WzScanDBPtr NewHandle() {
+  WzScanDBRecordPtr prototype;
+  CreateGlusterEmptyRecordObject(prototype);
+  WzScanDBPtr handle;
+  CreateWzScanDBObject(handle, prototype);
+  return handle;
 }
 
 class ExportsTest : public ::testing::Test {
@@ -50,52 +55,46 @@ class ExportsTest : public ::testing::Test {
     g_ptrLogWriter->SetLevel(0);
   }
 
-  // A generic database created in `directory` through the exported
-  // functions, with its root folder stored.
-  WzScanDBPtr OpenGeneric(const std::string& directory) {
-    WzScanDBRecordPtr prototype;
-    CreateGlusterEmptyRecordObject(prototype);
-    WzScanDBPtr handle;
-    CreateWzScanDBObject(handle, prototype);
+  // A generic database opened in `directory` through the exported functions,
+  // holding the root folder and then `paths` (folders end in '/').
+  static WzScanDBPtr OpenGeneric(const std::string& directory,
+                                 const std::vector<std::string>& paths = {}) {
+    WzScanDBPtr handle = NewHandle();
     std::string dir = directory;
     CKoError err;
     WzScanDBObjectInitialize(handle, dir, err);
     EXPECT_TRUE(err.IsSuccess()) << err.AsString();
     WzScanDBObjectAddFolder(handle, Generic("/", true), err);
-    EXPECT_TRUE(err.IsSuccess()) << err.AsString();
+    for (std::string path : paths) {
+      if (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+        WzScanDBObjectAddFolder(handle, Generic(path, true), err);
+      } else {
+        WzScanDBObjectAddFile(handle, Generic(path), err);
+      }
+      EXPECT_TRUE(err.IsSuccess()) << path << ": " << err.AsString();
+    }
     return handle;
-  }
-
-  static void Add(const WzScanDBPtr& handle, const std::string& path, bool isDir) {
-    CKoError err;
-    if (isDir)
-      WzScanDBObjectAddFolder(handle, Generic(path, true), err);
-    else
-      WzScanDBObjectAddFile(handle, Generic(path, false), err);
-    EXPECT_TRUE(err.IsSuccess()) << path << ": " << err.AsString();
   }
 
   // The stored record with the key of `path`, or null.
   static WzScanDBRecordBasePtr Stored(const WzScanDBPtr& handle, const std::string& path) {
-    WzScanDBRecordBasePtr probe = Generic(path, false);
-    WzScanDBRecordBasePtr out = Generic("", false);
+    WzScanDBRecordBasePtr out = Generic("");
     bool found = false;
     CKoError err;
-    WzScanDBObjectCheckDBRecord(handle, probe, out, found, err);
+    WzScanDBObjectCheckDBRecord(handle, Generic(path), out, found, err);
     EXPECT_TRUE(err.IsSuccess()) << err.AsString();
     return found ? out : WzScanDBRecordBasePtr();
   }
 
-  // Names of every record in physical order, read through GetFirstRecord /
-  // GetNextRecord.
-  static std::vector<std::string> Names(const WzScanDBPtr& handle) {
+  // Names of the records read through GetFirstRecord / GetNextRecord on
+  // `index`; bounded, so that a read that never ends fails the test.
+  static std::vector<std::string> Names(const WzScanDBPtr& handle, int index = -1) {
     std::vector<std::string> names;
-    WzScanDBRecordBasePtr buffer = Generic("", false);
-    // Bounded, so that a read that never reaches the end fails the test
-    // instead of running on.
-    for (int status = GetFirstRecord(handle, -1, buffer->getStructure());
+    WzScanDBRecordBasePtr buffer = Generic("");
+    for (int status = GetFirstRecord(handle, index, buffer->getStructure());
          status == 0 && names.size() < 1000;
-         status = GetNextRecord(handle, -1, buffer->getStructure()))
+         status = GetNextRecord(handle, index, buffer->getStructure()))
       names.push_back(buffer->getName());
     return names;
   }
