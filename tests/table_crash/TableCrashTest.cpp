@@ -11,17 +11,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <map>
+#include <optional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "CrashRecords.h"
 #include "CrashWriter.h"
 #include "support/TempDir.h"
 
@@ -33,50 +31,21 @@ uint64_t envOr(const char* name, uint64_t fallback) {
   return v && *v ? std::strtoull(v, nullptr, 0) : fallback;
 }
 
-std::string guidKey(const uint8_t* guid) {
-  return std::string(reinterpret_cast<const char*>(guid), 16);
-}
-
-// What one writer reported: its acknowledgements and its failure, if any.
-struct RoundLog {
-  std::vector<Message> messages;
-  bool failed = false;
-  Message failure{};
-};
-
-// The operation that had begun but was not yet acknowledged when the writer
-// died, if any, and the state of its key before it.
-struct Pending {
-  bool active = false;
-  Message begin{};
-  int64_t before = kAbsent;
-};
+std::string guidKey(const uint8_t* guid) { return std::string(reinterpret_cast<const char*>(guid), 16); }
 
 class CrashRig {
  public:
-  CrashRig(uint32_t keys, uint64_t seed) : seed_(seed), rng_(seed) {
+  CrashRig(const std::string& name, uint32_t keys, uint64_t seed) : name_(name), rng_(seed) {
     model_.state.assign(keys, kAbsent);
     model_.nextVersion.assign(keys, 0);
-    for (uint32_t k = 0; k < keys; ++k) {
-      uint8_t g[16];
-      fillGuid(k, g);
-      keyOfGuid_[guidKey(g)] = k;
-    }
-  }
-
-  const std::string& name() const { return name_; }
-
-  void createEmpty(const std::string& name) {
-    name_ = name;
+    for (uint32_t k = 0; k < keys; ++k) keyOfGuid_[guidKey(makeRecord(k, 0).guid)] = k;
     GenericSchemaTable table;
-    ASSERT_EQ(table.createTable(name_), TBL_OK);
-    ASSERT_EQ(table.close(), TBL_OK);
+    EXPECT_EQ(table.createTable(name_), TBL_OK);
   }
 
-  // One round: fork the writer, kill it after `delayUs`, collect its reports.
-  void runRound(int round, uint64_t delayUs) {
-    SCOPED_TRACE("round " + std::to_string(round) + " seed " + std::to_string(seed_) +
-                 " delay " + std::to_string(delayUs) + "us");
+  // One round: fork the writer, kill it after `delayUs`, collect its reports,
+  // then check the table.
+  void runRound(uint64_t delayUs) {
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
     const uint64_t writerSeed = rng_();
@@ -88,41 +57,29 @@ class CrashRig {
     }
     ::close(fds[1]);
 
-    Pending pending;
-    std::string carry;
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::microseconds(delayUs);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(delayUs);
     bool killed = false;
-    bool eof = false;
-    RoundLog log;
-    while (!eof) {
-      int timeoutMs = -1;
+    std::string carry;
+    inFlight_ = false;
+    failure_.reset();
+    for (;;) {
+      int timeoutMs = 1000;
       if (!killed) {
-        auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) {
-          ::kill(pid, SIGKILL);
-          killed = true;
-        } else {
-          timeoutMs = int((left + 999) / 1000);
-        }
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()).count();
+        if (left <= 0) killed = ::kill(pid, SIGKILL) == 0;
+        else timeoutMs = int((left + 999) / 1000);
       }
       pollfd p{fds[0], POLLIN, 0};
-      int ready = ::poll(&p, 1, killed ? 1000 : timeoutMs);
-      if (ready <= 0) continue;
+      if (::poll(&p, 1, timeoutMs) <= 0) continue;
       char buf[4096];
-      ssize_t n = ::read(fds[0], buf, sizeof buf);
-      if (n <= 0) {
-        eof = true;  // the writer is gone and every report is in
-        break;
-      }
+      const ssize_t n = ::read(fds[0], buf, sizeof buf);
+      if (n <= 0) break;  // the writer is gone and every report is in
       carry.append(buf, size_t(n));
       size_t used = 0;
       for (; used + sizeof(Message) <= carry.size(); used += sizeof(Message)) {
         Message m;
         std::memcpy(&m, carry.data() + used, sizeof m);
-        apply(m, &pending, &log);
+        apply(m);
       }
       carry.erase(0, used);
     }
@@ -131,157 +88,129 @@ class CrashRig {
     int wstatus = 0;
     ASSERT_EQ(::waitpid(pid, &wstatus, 0), pid);
     ASSERT_TRUE(carry.empty()) << "partial message from the writer";
-    ASSERT_FALSE(log.failed) << "writer failed: op " << int(log.failure.op) << " key "
-                             << log.failure.keyId << " status " << log.failure.status << " ("
-                             << (log.failure.status == 0xFFFF
-                                     ? "wrong record read"
-                                     : TCtreeTable::errToString(log.failure.status))
-                             << ")";
-    ASSERT_TRUE(WIFSIGNALED(wstatus) && WTERMSIG(wstatus) == SIGKILL)
-        << "writer ended on its own, wait status " << wstatus;
-    acks_ += log.messages.size();
-    verify(pending);
+    if (failure_)
+      FAIL() << "writer failed: op " << int(failure_->op) << " key " << failure_->keyId << " status "
+             << failure_->status << " ("
+             << (failure_->status == 0xFFFF ? "wrong record read" : TCtreeTable::errToString(failure_->status)) << ")";
+    ASSERT_TRUE(WIFSIGNALED(wstatus) && WTERMSIG(wstatus) == SIGKILL) << "writer ended on its own: " << wstatus;
+    verify();
   }
 
   uint64_t acknowledged() const { return acks_; }
-  size_t present() const {
-    size_t n = 0;
-    for (int64_t s : model_.state) n += s != kAbsent;
-    return n;
-  }
+  size_t present() const { return model_.state.size() - std::count(model_.state.begin(), model_.state.end(), kAbsent); }
 
  private:
-  void apply(const Message& m, Pending* pending, RoundLog* log) {
+  void apply(const Message& m) {
     if (m.phase == kFailed) {
-      log->failed = true;
-      log->failure = m;
-      return;
+      failure_ = m;
+    } else if (m.phase == kBegin) {
+      inFlight_ = isRecordOp(m.op);
+      begin_ = m;
+      before_ = inFlight_ ? model_.state[m.keyId] : kAbsent;
+    } else {
+      ++acks_;
+      inFlight_ = false;
+      if (!isRecordOp(m.op) || m.op == kOpDuplicateAdd) return;
+      model_.state[m.keyId] = m.op == kOpDelete ? kAbsent : int64_t(m.version);
+      if (m.op != kOpDelete) model_.nextVersion[m.keyId] = m.version + 1;
     }
-    if (m.phase == kBegin) {
-      pending->active = true;
-      pending->begin = m;
-      pending->before = isRecordOp(Op(m.op)) ? model_.state[m.keyId] : kAbsent;
-      return;
-    }
-    log->messages.push_back(m);
-    pending->active = false;
-    if (!isRecordOp(Op(m.op)) || m.op == kOpDuplicateAdd) return;
-    model_.state[m.keyId] = m.op == kOpDelete ? kAbsent : int64_t(m.version);
-    if (m.op != kOpDelete) model_.nextVersion[m.keyId] = m.version + 1;
   }
 
-  static bool isRecordOp(Op op) {
-    return op == kOpAdd || op == kOpModify || op == kOpModifyByParent || op == kOpDelete ||
-           op == kOpDuplicateAdd;
+  // The stored record of `key`, or TBL_NOT_FOUND.
+  int read(GenericSchemaTable& table, uint32_t key, SGenericRecord* found) {
+    GenericKey k;
+    EXPECT_EQ(table.buildKey(0, makeRecord(key, 0), &k), TBL_OK);
+    return table.getRecord(0, k.bytes, found);
   }
 
-  // The state of `key` the operation in flight would leave, if it happened.
-  // (A refused duplicate add reports the unchanged version.)
-  static int64_t after(const Message& begin) {
-    return begin.op == kOpDelete ? kAbsent : int64_t(begin.version);
-  }
-
-  void verify(const Pending& pending) {
+  void verify() {
     GenericSchemaTable table;
     ASSERT_EQ(table.openTable(name_), TBL_OK);
     std::string report;
     ASSERT_EQ(table.checkConsistency(&report), TBL_OK) << report;
+    SGenericRecord found;
 
-    // The key of an unacknowledged record operation may hold either state;
-    // settle the model on what the table holds.
-    const bool inFlight = pending.active && isRecordOp(Op(pending.begin.op));
-    if (inFlight) {
-      const uint32_t key = pending.begin.keyId;
-      const int64_t before = pending.before, afterState = after(pending.begin);
-      SGenericRecord found;
-      GenericKey k;
-      const SGenericRecord probe = makeRecord(key, 0);  // guid only
-      ASSERT_EQ(table.buildKey(0, probe, &k), TBL_OK);
-      const int status = table.getRecord(0, k.bytes, &found);
+    // The key of an unacknowledged record operation may hold the state from
+    // before or after it; settle the model on what the table holds. (A
+    // refused duplicate add reports the unchanged version as its after.)
+    if (inFlight_) {
+      const uint32_t key = begin_.keyId;
+      const int64_t after = begin_.op == kOpDelete ? kAbsent : int64_t(begin_.version);
       int64_t actual = kAbsent;
+      const int status = read(table, key, &found);
       if (status == TBL_OK) {
-        for (int64_t candidate : {before, afterState}) {
-          if (candidate == kAbsent) continue;
+        for (int64_t candidate : {before_, after}) {
           const SGenericRecord want = makeRecord(key, uint32_t(candidate));
-          if (std::memcmp(&want, &found, sizeof want) == 0) actual = candidate;
+          if (candidate != kAbsent && std::memcmp(&found, &want, sizeof found) == 0) actual = candidate;
         }
         ASSERT_NE(actual, kAbsent) << "in-flight key " << key << " holds neither state";
       } else {
         ASSERT_EQ(status, TBL_NOT_FOUND);
-        ASSERT_TRUE(before == kAbsent || afterState == kAbsent)
-            << "in-flight key " << key << " lost";
+        ASSERT_TRUE(before_ == kAbsent || after == kAbsent) << "in-flight key " << key << " lost";
       }
       model_.state[key] = actual;
-      if (pending.begin.op != kOpDelete && pending.begin.op != kOpDuplicateAdd)
-        model_.nextVersion[key] = pending.begin.version + 1;
+      if (begin_.op != kOpDelete && begin_.op != kOpDuplicateAdd) model_.nextVersion[key] = begin_.version + 1;
     }
 
     // Index 0: every key reads back exactly, or is absent.
-    size_t expectedCount = 0;
     for (uint32_t key = 0; key < model_.state.size(); ++key) {
       const int64_t v = model_.state[key];
-      SGenericRecord found;
-      GenericKey k;
-      const SGenericRecord want = makeRecord(key, v == kAbsent ? 0 : uint32_t(v));
-      ASSERT_EQ(table.buildKey(0, want, &k), TBL_OK);
-      const int status = table.getRecord(0, k.bytes, &found);
+      const int status = read(table, key, &found);
       if (v == kAbsent) {
         ASSERT_EQ(status, TBL_NOT_FOUND) << "key " << key << " should be absent";
         continue;
       }
-      ++expectedCount;
       ASSERT_EQ(status, TBL_OK) << "acknowledged key " << key << " v" << v << " lost";
-      ASSERT_EQ(std::memcmp(&found, &want, sizeof want), 0)
-          << "key " << key << " does not hold its acknowledged version " << v;
+      const SGenericRecord want = makeRecord(key, uint32_t(v));
+      ASSERT_EQ(std::memcmp(&found, &want, sizeof want), 0) << "key " << key << " does not hold version " << v;
     }
 
     // Physical order and both index orders: each record once, as the model has it.
     for (int index : {-1, 0, 1}) {
-      SGenericRecord rec;
       size_t count = 0;
-      int status = table.firstRecord(index, &rec);
-      for (; status == TBL_OK; status = table.nextRecord(index, &rec)) {
-        auto it = keyOfGuid_.find(guidKey(rec.guid));
+      int status = table.firstRecord(index, &found);
+      for (; status == TBL_OK; status = table.nextRecord(index, &found), ++count) {
+        auto it = keyOfGuid_.find(guidKey(found.guid));
         ASSERT_NE(it, keyOfGuid_.end()) << "unknown record on index " << index;
         const int64_t v = model_.state[it->second];
         ASSERT_NE(v, kAbsent) << "deleted key " << it->second << " on index " << index;
         const SGenericRecord want = makeRecord(it->second, uint32_t(v));
-        ASSERT_EQ(std::memcmp(&rec, &want, sizeof rec), 0) << "index " << index;
-        ++count;
+        ASSERT_EQ(std::memcmp(&found, &want, sizeof found), 0) << "index " << index;
       }
-      ASSERT_EQ(status, TBL_NOT_FOUND) << "walk of index " << index << " ended with status";
-      ASSERT_EQ(count, expectedCount) << "records on index " << index;
+      ASSERT_EQ(status, TBL_NOT_FOUND) << "walk of index " << index;
+      ASSERT_EQ(count, present()) << "records on index " << index;
     }
     ASSERT_EQ(table.close(), TBL_OK);
   }
 
-  uint64_t seed_;
+  std::string name_;
   std::mt19937_64 rng_;
   WriterModel model_;
   std::map<std::string, uint32_t> keyOfGuid_;
-  std::string name_;
   uint64_t acks_ = 0;
+  bool inFlight_ = false;  // a record operation had begun, unacknowledged
+  Message begin_{};
+  int64_t before_ = kAbsent;
+  std::optional<Message> failure_;
 };
 
-void runCrashRounds(uint32_t keys, int rounds, uint64_t maxDelayUs, uint64_t seed) {
+TEST(TableCrash, KilledWriterLosesNoAcknowledgedOperation) {
+  const uint64_t seed = envOr("WZ_CRASH_SEED", 20261122), maxDelayUs = envOr("WZ_CRASH_MAX_DELAY_US", 60000);
+  const int rounds = int(envOr("WZ_CRASH_ROUNDS", 40));
   TempDir dir;
-  CrashRig rig(keys, seed);
-  ASSERT_NO_FATAL_FAILURE(rig.createEmpty(dir / "WzScanDB"));
+  CrashRig rig(dir / "WzScanDB", uint32_t(envOr("WZ_CRASH_KEYS", 3000)), seed);
   std::mt19937_64 rng(seed ^ 0x5eed);
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
     // Mostly spread over the whole window, sometimes very early (during the
     // open and its possible index rebuild).
     const uint64_t delay = rng() % 8 == 0 ? rng() % 2000 : 500 + rng() % maxDelayUs;
-    ASSERT_NO_FATAL_FAILURE(rig.runRound(round, delay));
+    SCOPED_TRACE("round " + std::to_string(round) + " seed " + std::to_string(seed) + " delay " +
+                 std::to_string(delay) + "us");
+    rig.runRound(delay);
   }
-  std::printf("crash rounds: %d, acknowledged operations: %llu, records at the end: %zu\n",
-              rounds, static_cast<unsigned long long>(rig.acknowledged()), rig.present());
+  std::printf("crash rounds: %d, acknowledged operations: %llu, records at the end: %zu\n", rounds,
+              static_cast<unsigned long long>(rig.acknowledged()), rig.present());
   EXPECT_GT(rig.acknowledged(), uint64_t(rounds)) << "the writer barely ran";
-}
-
-TEST(TableCrash, KilledWriterLosesNoAcknowledgedOperation) {
-  runCrashRounds(uint32_t(envOr("WZ_CRASH_KEYS", 3000)), int(envOr("WZ_CRASH_ROUNDS", 40)),
-                 envOr("WZ_CRASH_MAX_DELAY_US", 60000), envOr("WZ_CRASH_SEED", 20261122));
 }
 
 }  // namespace
