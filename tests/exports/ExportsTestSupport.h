@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,6 +27,17 @@ inline CKoError Stale() {
   return FXErrorUtil::ErrorErrNo(FXCodeLocation("tests/exports", "Stale()", 1), 99, "%s",
                                  kStaleMessage);
 }
+
+// Calls an exported function whose last argument is the error, starting from
+// a stale error.
+template <class Fn, class... Args>
+CKoError Call(Fn fn, Args&&... args) {
+  CKoError err = Stale();
+  fn(std::forward<Args>(args)..., err);
+  return err;
+}
+
+#define EXPECT_OK(err) EXPECT_TRUE((err).IsSuccess()) << (err).AsString()
 
 inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir = false) {
   WzScanDBRecordPtr record;
