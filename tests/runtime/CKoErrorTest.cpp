@@ -2,7 +2,6 @@
 // never touches the heap.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -36,73 +35,46 @@ const FXCodeLocation kOuter("WzScanDB/WzScanDB", "CKoError WzScanDB::outer()", 2
 TEST(CKoErrorTest, SuccessDoesNotAllocate) {
   g_allocations = 0;
   g_counting = true;
+  bool ok;
   {
-    CKoError success;
-    CKoError copy(success);
+    CKoError success, assigned, copy(success);
     CKoError moved(std::move(copy));
-    CKoError assigned;
     assigned = success;
-    bool ok = success.IsSuccess() && !assigned.IsError() && moved.GetFrames().empty();
     CKoError pushed = success.Push(kOuter, "context %d", 1);
-    ok = ok && pushed.IsSuccess() && success.GetTopMessage().empty() &&
-         success.GetOriginMessage().empty();
-    g_counting = false;
-    EXPECT_TRUE(ok);
+    ok = success.IsSuccess() && !assigned.IsError() && moved.GetFrames().empty() && pushed.IsSuccess() &&
+         success.GetTopMessage().empty() && success.GetOriginMessage().empty();
   }
   g_counting = false;
+  EXPECT_TRUE(ok);
   EXPECT_EQ(g_allocations, 0);
 }
 
-TEST(CKoErrorTest, FactoriesSetKindCodeAndMessage) {
-  CKoError i = FXErrorUtil::ErrorInt(kInner, 101, "engine said %s", "no key");
-  EXPECT_EQ(i.GetKind(), EKoErrorKind::kInt);
-  EXPECT_EQ(i.GetCode(), 101);
-  EXPECT_EQ(i.GetOriginMessage(), "engine said no key");
-
-  CKoError e = FXErrorUtil::ErrorErrNo(kInner, ENOENT, "missing");
-  EXPECT_EQ(e.GetKind(), EKoErrorKind::kErrNo);
-  EXPECT_EQ(e.GetCode(), ENOENT);
-
-  CKoError w = FXErrorUtil::ErrorWin32(kInner, 774, "Rebuild Index Failed due to %s", "x");
-  EXPECT_EQ(w.GetKind(), EKoErrorKind::kWin32);
-  EXPECT_EQ(w.GetCode(), 774);
-  EXPECT_EQ(w.GetTopMessage(), "Rebuild Index Failed due to x");
-
-  CKoError plain = FXErrorUtil::ErrorWin32(kInner, kWin32NoMoreFiles);
-  EXPECT_EQ(plain.GetOriginMessage(), "There are no more files.");
-  ASSERT_EQ(plain.GetFrames().size(), 1u);
-  EXPECT_STREQ(plain.GetFrames()[0].location.function, "int Inner::read(int)");
-  EXPECT_EQ(plain.GetFrames()[0].location.line, 10);
-  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 4242).GetOriginMessage(), "Win32 error 4242");
-}
-
-TEST(CKoErrorTest, PushAddsFrameOnCopyAndAsStringRendersTopFirst) {
+TEST(CKoErrorTest, FactoriesPushAndAsStringRenderTopFirst) {
   const CKoError origin = FXErrorUtil::ErrorErrNo(kInner, ENOENT, "no record %d", 7);
   const CKoError pushed = origin.Push(kOuter, "addFile() Failed");
-
   // The original is unchanged; the copy has one more frame on top.
   EXPECT_EQ(origin.GetFrames().size(), 1u);
   ASSERT_EQ(pushed.GetFrames().size(), 2u);
+  EXPECT_EQ(pushed.GetKind(), EKoErrorKind::kErrNo);
+  EXPECT_EQ(pushed.GetCode(), ENOENT);
   EXPECT_EQ(pushed.GetOriginMessage(), "no record 7");
   EXPECT_EQ(pushed.GetTopMessage(), "addFile() Failed");
-  EXPECT_EQ(pushed.GetCode(), ENOENT);
 
-  EXPECT_EQ(pushed.AsString(),
-            "Error (errno 2: No such file or directory)\n"
-            "  at WzScanDB/WzScanDB:20 CKoError WzScanDB::outer(): addFile() Failed\n"
-            "  at WzScanDB/records/Inner:10 int Inner::read(int): no record 7");
-
-  EXPECT_EQ(FXErrorUtil::ErrorInt(kInner, 101, "m").AsString(),
-            "Error (status 101)\n  at WzScanDB/records/Inner:10 int Inner::read(int): m");
-  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 18).AsString(),
-            "Error (win32 18: There are no more files.)\n"
-            "  at WzScanDB/records/Inner:10 int Inner::read(int): There are no more files.");
-  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 774).AsString().substr(0, 71),
-            "Error (win32 774: An error occurred while performing index maintenance.");
-  // An unknown Win32 code has no text but still renders.
-  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 99999, "x").AsString(),
-            "Error (win32 99999)\n  at WzScanDB/records/Inner:10 int Inner::read(int): x");
-  EXPECT_EQ(CKoError().AsString(), "Success");
+  const std::string at = "\n  at WzScanDB/records/Inner:10 int Inner::read(int): ";
+  const std::pair<CKoError, std::string> rows[] = {
+      {pushed, "Error (errno 2: No such file or directory)\n"
+               "  at WzScanDB/WzScanDB:20 CKoError WzScanDB::outer(): addFile() Failed" + at + "no record 7"},
+      {FXErrorUtil::ErrorInt(kInner, 101, "engine said %s", "no key"), "Error (status 101)" + at + "engine said no key"},
+      {FXErrorUtil::ErrorWin32(kInner, kWin32NoMoreFiles),
+       "Error (win32 18: There are no more files.)" + at + "There are no more files."},
+      {FXErrorUtil::ErrorWin32(kInner, 774, "Rebuild Index Failed due to %s", "x"),
+       "Error (win32 774: An error occurred while performing index maintenance.)" + at + "Rebuild Index Failed due to x"},
+      // An unknown Win32 code has no text but still renders.
+      {FXErrorUtil::ErrorWin32(kInner, 99999, "x"), "Error (win32 99999)" + at + "x"},
+      {FXErrorUtil::ErrorWin32(kInner, 4242), "Error (win32 4242)" + at + "Win32 error 4242"},
+      {CKoError(), "Success"},
+  };
+  for (const auto& [error, text] : rows) EXPECT_EQ(error.AsString(), text);
 
   CKoError reset = pushed;
   reset.Success();
@@ -115,8 +87,7 @@ TEST(CKoErrorTest, FormatHandlesLongTextsAndCodeTextHandlesOddCodes) {
   const std::string big(5000, 'x');
   EXPECT_EQ(FXString::Format("<%s>", big.c_str()), "<" + big + ">");
   EXPECT_EQ(FXString::Format("%d-%s", 42, ""), "42-");
-  CKoError e = FXErrorUtil::ErrorErrNo(kInner, EIO, "%s", big.c_str());
-  EXPECT_EQ(e.GetOriginMessage(), big);
+  EXPECT_EQ(FXErrorUtil::ErrorErrNo(kInner, EIO, "%s", big.c_str()).GetOriginMessage(), big);
   EXPECT_EQ(CKoError::CodeText(EKoErrorKind::kErrNo, EACCES), "Permission denied");
   EXPECT_EQ(CKoError::CodeText(EKoErrorKind::kErrNo, -5), "");
   EXPECT_EQ(CKoError::CodeText(EKoErrorKind::kInt, 101), "");

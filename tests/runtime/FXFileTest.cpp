@@ -6,8 +6,8 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -36,97 +36,78 @@ std::string RandomContent(size_t size) {
 }
 
 // Number of entries in `dir`: shows leftover temporary files.
-int CountEntries(const std::string& dir) {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-    (void)entry;
-    ++count;
-  }
-  return count;
+long CountEntries(const std::string& dir) {
+  auto entries = std::filesystem::directory_iterator(dir);
+  return std::distance(begin(entries), end(entries));
 }
 
-TEST(FXFileTest, CopyMakesAnExactOwnerOnlyCopyAndRefusesExistingDestinations) {
+unsigned Mode(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0;
+}
+
+// The error's code, and whether its message names every given text.
+std::string Failure(const CKoError& error, std::initializer_list<std::string> named) {
+  std::string text = error.GetKind() == EKoErrorKind::kErrNo ? std::to_string(error.GetCode()) : error.AsString();
+  for (const std::string& name : named)
+    if (error.GetTopMessage().find(name) == std::string::npos) text += " without " + name;
+  return text;
+}
+
+TEST(FXFileTest, CopyMakesAnExactOwnerOnlyCopyAndNeverFollowsTheDestination) {
   TempDir dir;
   const std::string content = RandomContent(3 * 1024 * 1024 + 17);
   WriteFile(dir / "src", content);
   chmod((dir / "src").c_str(), 0644);
-
   ASSERT_TRUE(FXFile::WZCopyFile(dir / "src", dir / "copy", 0).IsSuccess());
   EXPECT_EQ(ReadFile(dir / "copy"), content);
-  struct stat st;
-  ASSERT_EQ(stat((dir / "copy").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-
-  // Flag 0: an existing destination stays as it is.
-  WriteFile(dir / "existing", "keep me");
-  CKoError error = FXFile::WZCopyFile(dir / "src", dir / "existing", 0);
-  EXPECT_EQ(error.GetKind(), EKoErrorKind::kErrNo);
-  EXPECT_EQ(error.GetCode(), EEXIST);
-  EXPECT_NE(error.GetTopMessage().find(dir / "existing"), std::string::npos);
-  EXPECT_NE(error.GetTopMessage().find("File exists"), std::string::npos);
-  EXPECT_EQ(ReadFile(dir / "existing"), "keep me");
-
-  // Flag 1 replaces it, and leaves no temporary file behind.
-  ASSERT_TRUE(FXFile::WZCopyFile(dir / "src", dir / "existing", FXFile::kCopyReplaceExisting)
-                  .IsSuccess());
-  EXPECT_EQ(ReadFile(dir / "existing"), content);
-  EXPECT_EQ(CountEntries(dir.path()), 3);
-
+  EXPECT_EQ(Mode(dir / "copy") & 07777, 0600u);
   WriteFile(dir / "empty", "");
   ASSERT_TRUE(FXFile::WZCopyFile(dir / "empty", dir / "empty-copy", 0).IsSuccess());
   EXPECT_TRUE(FXFile::Exists(dir / "empty-copy"));
-  EXPECT_EQ(ReadFile(dir / "empty-copy"), "");
-}
 
-TEST(FXFileTest, CopyNeverFollowsALinkPlantedAtTheDestination) {
-  TempDir dir;
-  WriteFile(dir / "src", "secret data");
+  // Flag 0: an existing destination, even a link (dangling or not), stays as it is.
+  WriteFile(dir / "existing", "keep me");
+  EXPECT_EQ(Failure(FXFile::WZCopyFile(dir / "src", dir / "existing", 0), {dir / "existing", "File exists"}),
+            std::to_string(EEXIST));
+  EXPECT_EQ(ReadFile(dir / "existing"), "keep me");
   WriteFile(dir / "victim", "victim content");
   ASSERT_EQ(symlink((dir / "victim").c_str(), (dir / "planted").c_str()), 0);
   ASSERT_EQ(symlink((dir / "nowhere").c_str(), (dir / "dangling").c_str()), 0);
-
-  CKoError error = FXFile::WZCopyFile(dir / "src", dir / "planted", 0);
-  EXPECT_EQ(error.GetCode(), EEXIST);
-  EXPECT_EQ(ReadFile(dir / "victim"), "victim content");
+  EXPECT_EQ(FXFile::WZCopyFile(dir / "src", dir / "planted", 0).GetCode(), EEXIST);
   EXPECT_EQ(FXFile::WZCopyFile(dir / "src", dir / "dangling", 0).GetCode(), EEXIST);
   EXPECT_FALSE(FXFile::Exists(dir / "nowhere"));
 
-  // Replacing swaps the link itself for a file; its target is untouched.
-  ASSERT_TRUE(FXFile::WZCopyFile(dir / "src", dir / "planted", 1).IsSuccess());
+  // Flag 1 replaces a file, or the link itself (its target untouched), and
+  // leaves no temporary file behind.
+  ASSERT_TRUE(FXFile::WZCopyFile(dir / "src", dir / "existing", FXFile::kCopyReplaceExisting).IsSuccess());
+  EXPECT_EQ(ReadFile(dir / "existing"), content);
+  ASSERT_TRUE(FXFile::WZCopyFile(dir / "empty", dir / "planted", 1).IsSuccess());
   EXPECT_EQ(ReadFile(dir / "victim"), "victim content");
-  struct stat st;
-  ASSERT_EQ(lstat((dir / "planted").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(ReadFile(dir / "planted"), "secret data");
+  EXPECT_TRUE(S_ISREG(Mode(dir / "planted")));
+  EXPECT_EQ(CountEntries(dir.path()), 8);
 }
 
 TEST(FXFileTest, CopyFailuresLeaveNothingBehind) {
   TempDir dir;
-  CKoError missing = FXFile::WZCopyFile(dir / "absent", dir / "to", 0);
-  EXPECT_EQ(missing.GetKind(), EKoErrorKind::kErrNo);
-  EXPECT_EQ(missing.GetCode(), ENOENT);
-  EXPECT_NE(missing.GetTopMessage().find(dir / "absent"), std::string::npos);
-  EXPECT_FALSE(FXFile::Exists(dir / "to"));
-
+  EXPECT_EQ(Failure(FXFile::WZCopyFile(dir / "absent", dir / "to", 0), {dir / "absent"}), std::to_string(ENOENT));
   mkdir((dir / "folder").c_str(), 0700);
-  EXPECT_EQ(FXFile::WZCopyFile(dir / "folder", dir / "to", 0).GetCode(), EISDIR);
-  EXPECT_EQ(FXFile::WZCopyFile(dir / "folder", dir / "to", 1).GetCode(), EISDIR);
-  EXPECT_EQ(FXFile::WZCopyFile(dir / "absent", dir / "to", 1).GetCode(), ENOENT);
   WriteFile(dir / "src", "x");
-  EXPECT_EQ(FXFile::WZCopyFile(dir / "src", dir / "no-dir/to", 0).GetCode(), ENOENT);
-  // Replacing a directory with a file fails, and the temporary copy goes.
-  EXPECT_EQ(FXFile::WZCopyFile(dir / "src", dir / "folder", 1).GetCode(), EISDIR);
-  EXPECT_EQ(CountEntries(dir.path()), 2);
-}
+  const std::pair<std::string, std::string> fail[] = {
+      {"folder", "to"}, {"absent", "to"}, {"src", "no-dir/to"}, {"src", "folder"}};
+  const int codes[][2] = {{EISDIR, EISDIR}, {ENOENT, ENOENT}, {ENOENT, ENOENT}, {EEXIST, EISDIR}};
+  for (int i = 0; i < 4; ++i)
+    for (int flags : {0, 1})
+      EXPECT_EQ(FXFile::WZCopyFile(dir / fail[i].first, dir / fail[i].second, flags).GetCode(), codes[i][flags])
+          << fail[i].first << " -> " << fail[i].second << " flags " << flags;
+  EXPECT_EQ(CountEntries(dir.path()), 2);  // replacing a directory failed, and its temporary copy went
 
-TEST(FXFileTest, CopyThatFailsMidwayRemovesThePartialDestination) {
-  TempDir dir;
+  // A file size limit makes a copy fail with EFBIG after the destination was
+  // created and partly written.
   WriteFile(dir / "big", RandomContent(2 * 1024 * 1024));
-  // A file size limit makes the copy fail with EFBIG after the destination
-  // was created and partly written.
-  struct rlimit saved;
+  struct rlimit saved, limited;
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
-  struct rlimit limited = saved;
+  limited = saved;
   limited.rlim_cur = 512 * 1024;
   auto savedSignal = signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
@@ -134,43 +115,27 @@ TEST(FXFileTest, CopyThatFailsMidwayRemovesThePartialDestination) {
   CKoError replacing = FXFile::WZCopyFile(dir / "big", dir / "big", 1);
   setrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, savedSignal);
-
   EXPECT_EQ(fresh.GetCode(), EFBIG);
   EXPECT_EQ(replacing.GetCode(), EFBIG);
-  EXPECT_FALSE(FXFile::Exists(dir / "copy"));
-  EXPECT_EQ(CountEntries(dir.path()), 1);  // no temporary left either
-  struct stat st;
-  ASSERT_EQ(stat((dir / "big").c_str(), &st), 0);
-  EXPECT_EQ(st.st_size, 2 * 1024 * 1024);
+  EXPECT_EQ(CountEntries(dir.path()), 3);  // no partial copy, no temporary
+  EXPECT_EQ(std::filesystem::file_size(dir / "big"), 2u * 1024 * 1024);
 }
 
 TEST(FXFileTest, MoveRenamesOrRefusesAndRemoveUnlinks) {
   TempDir dir;
   WriteFile(dir / "a", "alpha");
   WriteFile(dir / "b", "beta");
-
-  CKoError refused = FXFile::WZMoveFileEx(dir / "a", dir / "b", 0);
-  EXPECT_EQ(refused.GetCode(), EEXIST);
-  EXPECT_EQ(ReadFile(dir / "a"), "alpha");
-  EXPECT_EQ(ReadFile(dir / "b"), "beta");
-
+  EXPECT_EQ(FXFile::WZMoveFileEx(dir / "a", dir / "b", 0).GetCode(), EEXIST);
+  EXPECT_EQ(ReadFile(dir / "a") + ReadFile(dir / "b"), "alphabeta");
   ASSERT_TRUE(FXFile::WZMoveFileEx(dir / "a", dir / "b", FXFile::kMoveReplaceExisting).IsSuccess());
   EXPECT_FALSE(FXFile::Exists(dir / "a"));
-  EXPECT_EQ(ReadFile(dir / "b"), "alpha");
-
   ASSERT_TRUE(FXFile::WZMoveFileEx(dir / "b", dir / "c", 0).IsSuccess());
   EXPECT_EQ(ReadFile(dir / "c"), "alpha");
-
-  CKoError missing = FXFile::WZMoveFileEx(dir / "a", dir / "d", 1);
-  EXPECT_EQ(missing.GetCode(), ENOENT);
-  EXPECT_NE(missing.GetTopMessage().find(dir / "a"), std::string::npos);
-  EXPECT_NE(missing.GetTopMessage().find(dir / "d"), std::string::npos);
+  EXPECT_EQ(Failure(FXFile::WZMoveFileEx(dir / "a", dir / "d", 1), {dir / "a", dir / "d"}), std::to_string(ENOENT));
 
   ASSERT_TRUE(FXFile::RemoveFile(dir / "c").IsSuccess());
   EXPECT_FALSE(FXFile::Exists(dir / "c"));
-  CKoError gone = FXFile::RemoveFile(dir / "c");
-  EXPECT_EQ(gone.GetCode(), ENOENT);
-  EXPECT_NE(gone.GetTopMessage().find("No such file or directory"), std::string::npos);
+  EXPECT_EQ(Failure(FXFile::RemoveFile(dir / "c"), {"No such file or directory"}), std::to_string(ENOENT));
   mkdir((dir / "folder").c_str(), 0700);
   EXPECT_TRUE(FXFile::RemoveFile(dir / "folder").IsError());
   EXPECT_TRUE(FXFile::Exists(dir / "folder"));
@@ -185,7 +150,6 @@ TEST(FXFileTest, MoveAcrossFileSystemsCopiesSyncsAndUnlinks) {
   char pattern[] = "/dev/shm/wzruntime-test-XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   const std::string other = pattern;
-
   const std::string content = RandomContent(1024 * 1024 + 5);
   WriteFile(other + "/src", content);
   chmod((other + "/src").c_str(), 0640);
@@ -193,16 +157,11 @@ TEST(FXFileTest, MoveAcrossFileSystemsCopiesSyncsAndUnlinks) {
 
   EXPECT_EQ(FXFile::WZMoveFileEx(other + "/src", dir / "dest", 0).GetCode(), EEXIST);
   EXPECT_TRUE(FXFile::Exists(other + "/src"));
-
   ASSERT_TRUE(FXFile::WZMoveFileEx(other + "/src", dir / "dest", 1).IsSuccess());
   EXPECT_FALSE(FXFile::Exists(other + "/src"));
   EXPECT_EQ(ReadFile(dir / "dest"), content);
-  struct stat st;
-  ASSERT_EQ(stat((dir / "dest").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0640u);  // a move keeps the file's permissions
+  EXPECT_EQ(Mode(dir / "dest") & 07777, 0640u);  // a move keeps the file's permissions
   EXPECT_EQ(CountEntries(dir.path()), 1);
-
-  // And back again, to a new name.
   ASSERT_TRUE(FXFile::WZMoveFileEx(dir / "dest", other + "/back", 0).IsSuccess());
   EXPECT_EQ(ReadFile(other + "/back"), content);
   EXPECT_EQ(CountEntries(dir.path()), 0);
@@ -225,8 +184,7 @@ TEST(FXFileTest, FileDataViewsLstat) {
   EXPECT_TRUE(S_ISLNK(data.GetMode()));
   ASSERT_TRUE(FXFile::CFileData::FromPath(dir.path(), data).IsSuccess());
   EXPECT_TRUE(data.IsDirectory());
-  CKoError error = FXFile::CFileData::FromPath(dir / "absent", data);
-  EXPECT_EQ(error.GetCode(), ENOENT);
+  EXPECT_EQ(FXFile::CFileData::FromPath(dir / "absent", data).GetCode(), ENOENT);
 }
 
 }  // namespace
