@@ -161,8 +161,10 @@ Row Err(const char* name, CKoError (*run)(Env&), EKoErrorKind kind, int code,
   return Row{name, run, true, code, kind, function, text, topFrame};
 }
 
-CKoError OpenOnly(Env& e) { return e.open(); }
-CKoError OpenClose(Env& e) { return e.closed(); }
+// A line of creating and closing a database.
+Row Line(int level, const char* function, const std::string& text) {
+  return Log("", [](Env& e) { return e.closed(); }, level, function, text);
+}
 CKoError Rebuild(Env& e) {
   e.opened().suspendIndex();
   return e.db->rebuildIndex();
@@ -183,47 +185,42 @@ std::vector<Row> Rows() {
           kInit, "The Given Directory path to create/open WzScanDB is empty"),
       Err("no record structure", [](Env& e) { return e.reopenAs(nullptr); }, kErrNo, 22, kInit,
           "Cannot Initialize Database because the Record Structure is not initialized"),
-      Log("shape", OpenOnly, 0, kInit,
-          "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- "
-          "fixedRecordSize : 181\n"),
+      Line(0, kInit, "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- "
+                     "fixedRecordSize : 181\n"),
       Err("second initialize", [](Env& e) { return e.open(), e.open(); }, kInt, TBL_ALREADY_OPEN,
           kInit, "Failed to Initialize WzScanDB : " + Engine(TBL_ALREADY_OPEN)),
-      Log("internal initialize", OpenOnly, 4, kInit, "Internal Initalize Completed"),
-      Log("field", OpenOnly, 4, kInit,
-          "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- Length : 255"),
+      Line(4, kInit, "Internal Initalize Completed"),
+      Line(4, kInit, "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- "
+                     "Length : 255"),
       Err("bad field", [](Env& e) { return e.openFaulty(FaultyRecord::kBadField); }, kInt,
           TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Fields : " + Engine(TBL_BAD_SCHEMA)),
-      Log("fields done", OpenOnly, 4, kInit, "Field Configuration Completed"),
-      Log("index", OpenOnly, 4, kInit,
-          "Getting Index Information -- Name parent_guid_and_sname -- Key Information : Length : "
-          "72 - Type : 12 - Duplication : 1 - NullKey : 0 - Empchr : 0 - NumSeg : 2 - Segment "
-          "Num : 1"),
+      Line(4, kInit, "Field Configuration Completed"),
+      Line(4, kInit, "Getting Index Information -- Name parent_guid_and_sname -- Key Information "
+                     ": Length : 72 - Type : 12 - Duplication : 1 - NullKey : 0 - Empchr : 0 - "
+                     "NumSeg : 2 - Segment Num : 1"),
       Err("bad index", [](Env& e) { return e.openFaulty(FaultyRecord::kBadIndex); }, kInt,
           TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Indices : " + Engine(TBL_BAD_SCHEMA)),
-      Log("indices done", OpenOnly, 4, kInit, "Index Configuration Completed"),
-      Log("segment", OpenOnly, 4, kInit,
-          "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case Sensitive : "
-          "1\n"),
+      Line(4, kInit, "Index Configuration Completed"),
+      Line(4, kInit, "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case "
+                     "Sensitive : 1\n"),
       Err("bad segment", [](Env& e) { return e.openFaulty(FaultyRecord::kBadSegment); }, kInt,
-          TBL_BAD_SCHEMA, kInit,
-          "Failed to Configure WzScanDB Segments : " + Engine(TBL_BAD_SCHEMA)),
-      Log("segments done", OpenOnly, 4, kInit, "Segment Configuration Completed"),
+          TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Segments : " + Engine(TBL_BAD_SCHEMA)),
+      Line(4, kInit, "Segment Configuration Completed"),
       Err("incomplete schema", [](Env& e) { return e.openFaulty(FaultyRecord::kBadKeyLength); },
           kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Complete Initialization of WzScanDB : " + Engine(TBL_BAD_SCHEMA)),
-      Log("complete", OpenOnly, 4, kInit, "Initialize Complete Configuration Completed\n"),
-      Log("huge file", OpenOnly, 0, kInit,
-          "The CTree Database WzScanDB is  created with Huge File Support "),
+      Line(4, kInit, "Initialize Complete Configuration Completed\n"),
+      Line(0, kInit, "The CTree Database WzScanDB is  created with Huge File Support "),
       Err("other type's files", [](Env& e) { return e.open(), e.reopenAs(BackupTime(0, 0)); },
           kInt, TBL_SCHEMA_MISMATCH, kInit,
           "Failed to Open an Existing WzScanDB : " + Engine(TBL_SCHEMA_MISMATCH)),
       Err("index file without data file", [](Env& e) { return e.touch("WzScanDB.idx"), e.open(); },
           kInt, TBL_FILE_EXISTS, kInit, "Failed to Create WzScanDB : " + Engine(TBL_FILE_EXISTS)),
-      Log("created", OpenOnly, 0, kInit, "Created a New WzScan Database at : {dir}/WzScanDB"),
+      Line(0, kInit, "Created a New WzScan Database at : {dir}/WzScanDB"),
       Log("opened", [](Env& e) { return e.open(), e.reopenAs(AB()); }, 0, kInit,
           "Opened an Existing WzScanDB Database at : {dir}/WzScanDB"),
       // close
-      Log("closed", OpenClose, 0, kClose, "The WzScanDB is closed"),
+      Line(0, kClose, "The WzScanDB is closed"),
       Log("close unopened", [](Env& e) { return e.db->close(); }, 0, kClose,
           "The WzScanDB is not initialized for it to close"),
       // lookup
@@ -323,18 +320,17 @@ std::vector<Row> Rows() {
       Err("rebuild fails", [](Env& e) { return e.db->rebuildIndex(); }, kWin32, 774, kRebuild,
           "Rebuild Index Failed due to " + Engine(TBL_NOT_OPEN)),
       // counters and the statistics thread
-      Log("interval", OpenClose, 0, kCounterCtor,
-          "The Logging Interval of the WzScanDBPerformanceCounters : 600 seconds"),
-      Log("block head", OpenClose, 0, kCounterAll,
-          "--------------------- WzScanDB Performance Counters -------------------------------"),
-      Log("block foot", OpenClose, 0, kCounterAll, std::string(83, '-')),
-      Log("add counter", OpenClose, 0, kCounterOne, " ADD_RECORD : " + zero + " "),
-      Log("check counter", OpenClose, 0, kCounterOne, " CHECK_RECORD : " + zero + " "),
-      Log("delete counter", OpenClose, 0, kCounterOne, " DELETE_RECORD : " + zero + " "),
-      Log("update counter", OpenClose, 0, kCounterOne, " UPDATE_RECORD : " + zero + " "),
-      Log("read counter", OpenClose, 0, kCounterOne, " READ_RECORD : " + zero + " "),
-      Log("thread start", OpenClose, 0, kThread, "Started WzScanDB Performance Logging Thread"),
-      Log("thread stop", OpenClose, 0, kThread, "Stopped WzScanDB Performance Logging Thread"),
+      Line(0, kCounterCtor, "The Logging Interval of the WzScanDBPerformanceCounters : 600 seconds"),
+      Line(0, kCounterAll,
+           "--------------------- WzScanDB Performance Counters -------------------------------"),
+      Line(0, kCounterAll, std::string(83, '-')),
+      Line(0, kCounterOne, " ADD_RECORD : " + zero + " "),
+      Line(0, kCounterOne, " CHECK_RECORD : " + zero + " "),
+      Line(0, kCounterOne, " DELETE_RECORD : " + zero + " "),
+      Line(0, kCounterOne, " UPDATE_RECORD : " + zero + " "),
+      Line(0, kCounterOne, " READ_RECORD : " + zero + " "),
+      Line(0, kThread, "Started WzScanDB Performance Logging Thread"),
+      Line(0, kThread, "Stopped WzScanDB Performance Logging Thread"),
   };
 }
 
@@ -342,7 +338,7 @@ class MessagesTest : public CoreTest {};
 
 TEST_F(MessagesTest, EveryLineAndErrorHasItsTextLevelCodeAndLocation) {
   for (const Row& row : Rows()) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(*row.name ? row.name : row.text);
     capture->Clear();
     CKoError result;
     std::string text;
