@@ -2,8 +2,6 @@
 // up to the first key outside a prefix, and leaves the same current record.
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "TableTestUtil.h"
 #include "support/TempDir.h"
 
@@ -25,7 +23,7 @@ class Collector : public TCtreeTable::RunReceiver {
     taken.push_back(image[0]);
     return image[0] != refuse_;
   }
-  std::vector<uint8_t> image, taken;
+  Image image, taken;
   int buffers = 0;
 
  private:
@@ -45,14 +43,10 @@ class TableRun : public ::testing::Test {
                        genericRecord(9, 7, "charlie"), genericRecord(10, 8, "")})
       ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
   }
-  std::vector<uint8_t> childrenKey(uint8_t parent) {
-    auto probe = genericRecord(parent, 0, "");
-    std::memcpy(probe.data() + 16, probe.data(), 16);  // (parent, empty name)
-    return engineKey(table, layout, 1, probe.data());
-  }
+  Image childrenKey(uint8_t parent) { return engineKey(table, layout, 1, genericRecord(0, parent, "").data()); }
   // The guid byte that nextRecord(1) reads from the current record on.
   int following() {
-    std::vector<uint8_t> out(440);
+    Image out(440);
     return table.nextRecord(1, out.data()) == TBL_OK ? out[0] : -1;
   }
 
@@ -64,11 +58,11 @@ class TableRun : public ::testing::Test {
 TEST_F(TableRun, ReadsThePrefixRunAndLeavesTheCurrentRecordOnItsEnd) {
   // The same run through getGTERecord/nextRecord, for comparison.
   auto key = childrenKey(7);
-  std::vector<uint8_t> out(440), expected;
-  int rc = table.getGTERecord(1, key.data(), out.data());
-  for (; rc == TBL_OK && out[16] == 7; rc = table.nextRecord(1, out.data()))
+  Image out(440), expected;
+  for (int rc = table.getGTERecord(1, key.data(), out.data()); rc == TBL_OK && out[16] == 7;
+       rc = table.nextRecord(1, out.data()))
     expected.push_back(out[0]);
-  ASSERT_EQ(expected, (std::vector<uint8_t>{5, 9, 1, 3, 6}));
+  ASSERT_EQ(expected, (Image{5, 9, 1, 3, 6}));
   const int afterManual = following();
 
   Collector all;
@@ -82,14 +76,14 @@ TEST_F(TableRun, ReadsThePrefixRunAndLeavesTheCurrentRecordOnItsEnd) {
   // A refusal ends the run on the refused record.
   Collector refusing(1);
   EXPECT_EQ(table.readRun(1, key.data(), 16, refusing), TBL_OK);
-  EXPECT_EQ(refusing.taken, (std::vector<uint8_t>{5, 9, 1}));
+  EXPECT_EQ(refusing.taken, (Image{5, 9, 1}));
   EXPECT_EQ(table.currentRecordNumber(), 1);
   EXPECT_EQ(following(), 3);
 
   // The last parent runs into the end of the index: current is its last record.
   Collector last;
   EXPECT_EQ(table.readRun(1, childrenKey(8).data(), 16, last), TBL_NOT_FOUND);
-  EXPECT_EQ(last.taken, (std::vector<uint8_t>{10, 4}));
+  EXPECT_EQ(last.taken, (Image{10, 4}));
   EXPECT_EQ(table.currentRecordNumber(), 4);
   EXPECT_EQ(following(), -1);
 
@@ -103,11 +97,11 @@ TEST_F(TableRun, ReadsThePrefixRunAndLeavesTheCurrentRecordOnItsEnd) {
   // Prefix 0 is the whole index from the key on.
   Collector rest;
   EXPECT_EQ(table.readRun(1, childrenKey(8).data(), 0, rest), TBL_NOT_FOUND);
-  EXPECT_EQ(rest.taken, (std::vector<uint8_t>{10, 4}));
+  EXPECT_EQ(rest.taken, (Image{10, 4}));
 }
 
 TEST_F(TableRun, BypassModeArgumentsAndSuspendedIndexes) {
-  std::vector<uint8_t> out(440);
+  Image out(440);
   ASSERT_EQ(table.firstRecord(-1, out.data()), TBL_OK);
   table.setBypassMode(true);
   Collector bypassed;

@@ -54,6 +54,16 @@ class Pages {
   void set(uint64_t pgno, size_t at, T value) {
     std::memcpy(&bytes_[pgno * pageSize_ + at], &value, sizeof value);
   }
+  template <typename T>
+  void add(uint64_t pgno, size_t at, T delta) {
+    set<T>(pgno, at, T(get<T>(pgno, at) + delta));
+  }
+  template <typename T>
+  void swap(uint64_t pgno, size_t a, size_t b) {
+    const T first = get<T>(pgno, a);
+    set<T>(pgno, a, get<T>(pgno, b));
+    set<T>(pgno, b, first);
+  }
   const std::string& bytes() const { return bytes_; }
   size_t pageSize() const { return pageSize_; }
 
@@ -190,36 +200,19 @@ TEST_F(DamagedPages, PagesOfTheRecordTree) {
   expectRefused("a branch page where a leaf belongs", true,
                 [&](Pages& p) { p.set<uint16_t>(leaf, 10, 0x01); }, "a branch page at level 2");
   expectRefused("a node offset past the page", true,
-                [&](Pages& p) { p.set<uint16_t>(leaf, 16, uint16_t(p.pageSize() - 4)); },
-                "lies outside");
+                [&](Pages& p) { p.set<uint16_t>(leaf, 16, uint16_t(p.pageSize() - 4)); }, "lies outside");
   expectRefused("free-space bounds crossed", true,
                 [&](Pages& p) { p.set<uint16_t>(leaf, 12, uint16_t(p.get<uint16_t>(leaf, 14) + 2)); },
                 "free space bounds");
-  expectRefused("two leaf keys swapped", true,
-                [&](Pages& p) {
-                  const uint16_t first = p.get<uint16_t>(leaf, 16);
-                  p.set<uint16_t>(leaf, 16, p.get<uint16_t>(leaf, 18));
-                  p.set<uint16_t>(leaf, 18, first);
-                },
-                "is not above");
-  expectRefused("a record's data longer than its page", true,
-                [&](Pages& p) {
-                  const size_t n = p.nodeAt(leaf, 0);
-                  p.set<uint16_t>(leaf, n + 2, 1);  // 64 KiB more data
-                },
-                "runs past the page");
+  expectRefused("two leaf keys swapped", true, [&](Pages& p) { p.swap<uint16_t>(leaf, 16, 18); }, "is not above");
+  expectRefused("a record's data 64 KiB longer than its page", true,
+                [&](Pages& p) { p.set<uint16_t>(leaf, p.nodeAt(leaf, 0) + 2, 1); }, "runs past the page");
+  // The record of the named database "records": its entry count and depth.
+  const size_t records = probe.named("records");
   expectRefused("one record more than the tree holds", true,
-                [&](Pages& p) {
-                  const size_t at = p.named("records");
-                  p.set<uint64_t>(p.mainRoot(), at + 32, p.get<uint64_t>(p.mainRoot(), at + 32) + 1);
-                },
-                "entries; its tree has");
+                [&](Pages& p) { p.add<uint64_t>(p.mainRoot(), records + 32, 1); }, "entries; its tree has");
   expectRefused("a deeper tree than recorded", true,
-                [&](Pages& p) {
-                  const size_t at = p.named("records");
-                  p.set<uint16_t>(p.mainRoot(), at + 6, uint16_t(p.get<uint16_t>(p.mainRoot(), at + 6) + 1));
-                },
-                "a leaf page at level");
+                [&](Pages& p) { p.add<uint16_t>(p.mainRoot(), records + 6, 1); }, "a leaf page at level");
 }
 
 TEST_F(DamagedPages, FreePagesAndSortedDuplicates) {
@@ -233,8 +226,7 @@ TEST_F(DamagedPages, FreePagesAndSortedDuplicates) {
                 [&](Pages& p) { p.set<uint64_t>(freeLeaf, list + 8, p.namedRoot("records")); },
                 "outside the file or in use");
   expectRefused("a free-page list longer than its value", true,
-                [&](Pages& p) { p.set<uint64_t>(freeLeaf, list, p.get<uint64_t>(freeLeaf, list) + 1); },
-                "a free-page list of");
+                [&](Pages& p) { p.add<uint64_t>(freeLeaf, list, 1); }, "a free-page list of");
 
   // Index 1 (parent and name): the small group's duplicates sit in a
   // sub-page of their node, the large group's in a tree of their own.
@@ -255,31 +247,15 @@ TEST_F(DamagedPages, FreePagesAndSortedDuplicates) {
   find(index.namedRoot("i1"));
   ASSERT_NE(subPageLeaf, 0u);
   ASSERT_NE(subTreeLeaf, 0u);
+  const size_t sub = index.dataAt(subPageLeaf, subPageNode), db = index.dataAt(subTreeLeaf, subTreeNode);
   expectRefused("a sub-page that is not a leaf", false,
-                [&](Pages& p) {
-                  p.set<uint16_t>(subPageLeaf, p.dataAt(subPageLeaf, subPageNode) + 10, 0x41);
-                },
-                "a duplicates page with flags");
+                [&](Pages& p) { p.set<uint16_t>(subPageLeaf, sub + 10, 0x41); }, "a duplicates page with flags");
   expectRefused("duplicates out of order in a sub-page", false,
-                [&](Pages& p) {
-                  const size_t sub = p.dataAt(subPageLeaf, subPageNode);
-                  const uint64_t first = p.get<uint64_t>(subPageLeaf, sub + 16);
-                  p.set<uint64_t>(subPageLeaf, sub + 16, p.get<uint64_t>(subPageLeaf, sub + 24));
-                  p.set<uint64_t>(subPageLeaf, sub + 24, first);
-                },
-                "is not above");
+                [&](Pages& p) { p.swap<uint64_t>(subPageLeaf, sub + 16, sub + 24); }, "is not above");
   expectRefused("a duplicates tree rooted past the end", false,
-                [&](Pages& p) {
-                  p.set<uint64_t>(subTreeLeaf, p.dataAt(subTreeLeaf, subTreeNode) + 40,
-                                  p.lastPage() + 1);
-                },
-                "root page");
+                [&](Pages& p) { p.set<uint64_t>(subTreeLeaf, db + 40, p.lastPage() + 1); }, "root page");
   expectRefused("a duplicates tree counting one entry too few", false,
-                [&](Pages& p) {
-                  const size_t db = p.dataAt(subTreeLeaf, subTreeNode);
-                  p.set<uint64_t>(subTreeLeaf, db + 32, p.get<uint64_t>(subTreeLeaf, db + 32) - 1);
-                },
-                "entries; its tree has");
+                [&](Pages& p) { p.add<uint64_t>(subTreeLeaf, db + 32, ~uint64_t{0}); }, "entries; its tree has");
 }
 
 }  // namespace
