@@ -1,6 +1,6 @@
-// Files: create / open statuses, the lock, file sizes, variable-length
-// storage, record numbers, current-record rules, read-only opens. (Damaged,
-// foreign and missing files: tests/table_badfiles; a full disk: tests/fulldisk.)
+// Files: create / open statuses, the lock, read-only opens, file sizes,
+// variable-length storage, bypass mode, record numbers. (Damaged, foreign and
+// missing files: tests/table_badfiles; a full disk: tests/fulldisk.)
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -10,33 +10,50 @@
 
 using namespace tabletest;
 
-TEST(TableFiles, CreateAndOpenStatuses) {
+TEST(TableFiles, CreateOpenLocksAndReadOnlyOpens) {
   TempDir dir;
   const std::string name = dir / "t";
-  TCtreeTable table, second;
-  ASSERT_EQ(defineSchema(table, name, SchemaLayout::generic()), TBL_OK);
+  const SchemaLayout layout = SchemaLayout::generic();
+  TCtreeTable table, reader, other;
+  ASSERT_EQ(defineSchema(table, name, layout), TBL_OK);
   EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_FILE_MISSING);
   EXPECT_EQ(table.open(WZIndexing::kAccessCreate), TBL_BAD_ARGUMENT);
   ASSERT_EQ(table.create(), TBL_OK);
   EXPECT_TRUE(table.isOpen());
   // A second object on the same files, in the same process: in use, also
   // for reading.
-  EXPECT_EQ(openTable(second, name, SchemaLayout::generic(), WZIndexing::kAccessReadOnly), TBL_IN_USE);
-  EXPECT_FALSE(second.isOpen());
+  EXPECT_EQ(openTable(reader, name, layout, WZIndexing::kAccessReadOnly), TBL_IN_USE);
+  EXPECT_FALSE(reader.isOpen());
   auto image = genericRecord(1, 2, "kept");
   ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
   ASSERT_EQ(table.close(), TBL_OK);
   EXPECT_EQ(table.close(), TBL_NOT_OPEN);
-  ASSERT_EQ(second.open(WZIndexing::kAccessReadWrite), TBL_OK);
+
+  // Readers share the files, refuse writes, change nothing, and keep a
+  // writer out until the last one has closed.
+  const std::string data = fileBytes(name + ".dat");
+  ASSERT_EQ(reader.open(WZIndexing::kAccessReadOnly), TBL_OK);
+  ASSERT_EQ(openTable(other, name, layout, WZIndexing::kAccessReadOnly), TBL_OK);
+  EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_IN_USE);
   Image out(440);
-  ASSERT_EQ(second.firstRecord(-1, out.data()), TBL_OK);
+  ASSERT_EQ(reader.firstRecord(0, out.data()), TBL_OK);
   EXPECT_EQ(out, image);
-  ASSERT_EQ(second.close(), TBL_OK);
+  EXPECT_EQ(reader.addRecord(out.data()), TBL_READ_ONLY);
+  EXPECT_EQ(reader.modifyRecord(out.data()), TBL_READ_ONLY);
+  EXPECT_EQ(reader.deleteRecord(), TBL_READ_ONLY);
+  EXPECT_EQ(reader.suspendIndexing(), -1);
+  ASSERT_EQ(reader.close(), TBL_OK);
+  EXPECT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_IN_USE);
+  ASSERT_EQ(other.close(), TBL_OK);
+  EXPECT_EQ(fileBytes(name + ".dat"), data);
+  ASSERT_EQ(table.open(WZIndexing::kAccessReadWrite), TBL_OK);
+  ASSERT_EQ(table.close(), TBL_OK);
+
   // A symlink in place of the files is not followed.
   ASSERT_EQ(symlink((name + ".dat").c_str(), (dir / "l.dat").c_str()), 0);
   ASSERT_EQ(symlink((name + ".idx").c_str(), (dir / "l.idx").c_str()), 0);
   TCtreeTable linked;
-  EXPECT_EQ(openTable(linked, dir / "l", SchemaLayout::generic()), TBL_BAD_FORMAT);
+  EXPECT_EQ(openTable(linked, dir / "l", layout), TBL_BAD_FORMAT);
 }
 
 TEST(TableFiles, FilesShrinkOnCloseAndStoreVariablePartsTrimmed) {
@@ -128,30 +145,4 @@ TEST(TableFiles, BypassModeBadArgumentsAndRecordNumbers) {
   EXPECT_EQ(table.currentRecordNumber(), 4);
   EXPECT_EQ(out, a);
   EXPECT_EQ(table.numberOfRecords(), 2);
-}
-
-TEST(TableFiles, ReadOnlyOpenSharesWithReadersAndRefusesWrites) {
-  TempDir dir;
-  const std::string name = dir / "t";
-  {
-    TCtreeTable table;
-    ASSERT_EQ(createTable(table, name, smallSchema()), TBL_OK);
-    auto image = smallRecord(1, 1, 1, "ro");
-    ASSERT_EQ(table.addRecord(image.data()), TBL_OK);
-  }
-  const std::string data = fileBytes(name + ".dat");
-  TCtreeTable reader, other, writer;
-  ASSERT_EQ(openTable(reader, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
-  ASSERT_EQ(openTable(other, name, smallSchema(), WZIndexing::kAccessReadOnly), TBL_OK);
-  EXPECT_EQ(openTable(writer, name, smallSchema()), TBL_IN_USE);
-  Image out(64);
-  ASSERT_EQ(reader.firstRecord(0, out.data()), TBL_OK);
-  EXPECT_EQ(reader.addRecord(out.data()), TBL_READ_ONLY);
-  EXPECT_EQ(reader.modifyRecord(out.data()), TBL_READ_ONLY);
-  EXPECT_EQ(reader.deleteRecord(), TBL_READ_ONLY);
-  EXPECT_EQ(reader.suspendIndexing(), -1);
-  ASSERT_EQ(reader.close(), TBL_OK);
-  ASSERT_EQ(other.close(), TBL_OK);
-  EXPECT_EQ(fileBytes(name + ".dat"), data);
-  EXPECT_EQ(writer.open(WZIndexing::kAccessReadWrite), TBL_OK);
 }

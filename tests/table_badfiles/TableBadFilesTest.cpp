@@ -155,58 +155,37 @@ TEST_F(TableBadFiles, DamagedMissingAndMismatchedFiles) {
     for (auto& c : s) c = char(rng());
     return s;
   };
-  struct Case {
-    std::string what;
-    std::function<void()> damage;
-    int want;
-    bool create;
+  auto refused = [&](const std::string& what, int want, const std::function<void()>& damage, bool create = false) {
+    restore();
+    damage();
+    expectRefused(want, what, name_, SchemaLayout::generic(), create);
   };
-  std::vector<Case> cases;
   for (const bool data : {true, false}) {
     const std::string path = data ? dat() : idx(), file = data ? "data" : "index";
+    restore();
     const size_t used = lmdbUsedBytes(path);
     ASSERT_GT(used, 4 * 4096u) << path;
     ASSERT_LE(used, (data ? dat_ : idx_).size());
     for (size_t size : {size_t(0), size_t(1), size_t(100), size_t(4096), size_t(2 * 4096 - 1), size_t(2 * 4096),
                         used / 2, used - 4096, used - 1})
-      cases.push_back({file + " file cut to " + std::to_string(size) + " of " + std::to_string(used) + " bytes",
-                       [path, size] { ASSERT_EQ(::truncate(path.c_str(), off_t(size)), 0); }, TBL_BAD_FORMAT,
-                       false});
+      refused(file + " file cut to " + std::to_string(size) + " of " + std::to_string(used) + " bytes",
+              TBL_BAD_FORMAT, [&] { ASSERT_EQ(::truncate(path.c_str(), off_t(size)), 0); });
     for (size_t size : {size_t(4096 * 3), size_t(10007), dat_.size()})
-      cases.push_back({"random " + file + " file of " + std::to_string(size),
-                       [&, path, size] { writeFile(path, randomBytes(size)); }, TBL_BAD_FORMAT, false});
-    cases.push_back({"plain LMDB as " + file + " file",
-                     [&, path] { writeFile(path, fileBytes(other / "plain")); }, TBL_BAD_FORMAT, false});
+      refused("random " + file + " file of " + std::to_string(size), TBL_BAD_FORMAT,
+              [&] { writeFile(path, randomBytes(size)); });
+    refused("plain LMDB as " + file + " file", TBL_BAD_FORMAT, [&] { writeFile(path, fileBytes(other / "plain")); });
     // Same schema, same number of writes: only the table identity tells the
     // two tables apart.
-    cases.push_back({file + " file of another table",
-                     [&, path, data] { writeFile(path, fileBytes(other / (data ? "WzScanDB.dat" : "WzScanDB.idx"))); },
-                     TBL_FILES_MISMATCH, false});
-    cases.push_back({file + " file missing", [path] { fs::remove(path); }, TBL_FILE_MISSING, false});
-    cases.push_back({"create over the " + file + " file", [&, data] { fs::remove(data ? idx() : dat()); },
-                     TBL_FILE_EXISTS, true});
+    refused(file + " file of another table", TBL_FILES_MISMATCH,
+            [&] { writeFile(path, fileBytes(other / (data ? "WzScanDB.dat" : "WzScanDB.idx"))); });
+    refused(file + " file missing", TBL_FILE_MISSING, [&] { fs::remove(path); });
+    refused("create over the " + file + " file", TBL_FILE_EXISTS, [&] { fs::remove(data ? idx() : dat()); }, true);
   }
-  cases.push_back({"both files empty",
-                   [&] {
-                     writeFile(dat(), "");
-                     writeFile(idx(), "");
-                   },
-                   TBL_BAD_FORMAT, false});
-  cases.push_back({"data pages overwritten, the two meta pages kept",
-                   [&] { writeFile(dat(), dat_.substr(0, 2 * 4096) + randomBytes(dat_.size() - 2 * 4096)); },
-                   TBL_BAD_FORMAT, false});
-  cases.push_back({"both files missing",
-                   [&] {
-                     fs::remove(dat());
-                     fs::remove(idx());
-                   },
-                   TBL_FILE_MISSING, false});
-  cases.push_back({"create over both files", [] {}, TBL_FILE_EXISTS, true});
-  for (const Case& c : cases) {
-    restore();
-    c.damage();
-    expectRefused(c.want, c.what, name_, SchemaLayout::generic(), c.create);
-  }
+  refused("both files empty", TBL_BAD_FORMAT, [&] { writeFile(dat(), ""); writeFile(idx(), ""); });
+  refused("data pages overwritten, the two meta pages kept", TBL_BAD_FORMAT,
+          [&] { writeFile(dat(), dat_.substr(0, 2 * 4096) + randomBytes(dat_.size() - 2 * 4096)); });
+  refused("both files missing", TBL_FILE_MISSING, [&] { fs::remove(dat()); fs::remove(idx()); });
+  refused("create over both files", TBL_FILE_EXISTS, [] {}, true);
 }
 
 TEST_F(TableBadFiles, AnotherSchema) {
