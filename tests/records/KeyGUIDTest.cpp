@@ -48,11 +48,6 @@ TEST(KeyGUID, RFC1321TestSuiteAndTheNullIdentifier) {
   // Bytes are hashed as they are: an embedded NUL counts, a trailing slash differs.
   EXPECT_FALSE(WzScanDBKeyGUID(std::string("a\0b", 3)) == WzScanDBKeyGUID(std::string("a")));
   EXPECT_FALSE(WzScanDBKeyGUID(std::string("/x/")) == WzScanDBKeyGUID(std::string("/x")));
-  // There is no parser: assigning a text form hashes the text.
-  WzScanDBKeyGUID original{std::string("/data/file")}, fromText;
-  fromText = original.toString();
-  EXPECT_FALSE(fromText == original);
-  EXPECT_TRUE(fromText == WzScanDBKeyGUID(original.toString()));
 }
 
 TEST(KeyGUID, TextFormReadsEachHalfLittleEndian) {
@@ -67,11 +62,9 @@ TEST(KeyGUID, TextFormReadsEachHalfLittleEndian) {
   guid.initialize();
   EXPECT_EQ(guid.toString(), "0x" + std::string(15, '0') + "1" + std::string(16, '0'));
 
-  WzScanDBKeyGUID a, b;
-  a.generate();
-  b.generate();
-  EXPECT_FALSE(a.empty());
-  EXPECT_FALSE(a == b);
+  WzScanDBKeyGUID random;
+  random.generate();
+  EXPECT_FALSE(random.empty());
 }
 
 }  // namespace

@@ -134,22 +134,4 @@ TEST(KeyRequest, ChildrenStartKeySortsBetweenOtherParentsAndEveryChild) {
                          [&](const char* name) { return Lustre({0x300000000, 5, 0}, folderFID, name); });
 }
 
-TEST(KeyRequest, NamesSharingTheKeyPrefixAreToldApartOnlyByCheckEqual) {
-  const std::string prefix(56, 'n');
-  WzScanDBRecordBasePtr a(new WzScanDBRecord("/dir/" + prefix + "-first"));
-  WzScanDBRecordBasePtr b(new WzScanDBRecord("/dir/" + prefix + "-second"));
-  const CLustreFID dir(0x200000400, 3, 0);
-  WzScanDBRecordBasePtr la = Lustre({1, 1, 0}, dir, prefix + "-first");
-  WzScanDBRecordBasePtr lb = Lustre({1, 2, 0}, dir, prefix + "-second");
-  for (const auto& [first, second] : {std::make_pair(a, b), std::make_pair(la, lb)}) {
-    InitSchema(*first);
-    EXPECT_EQ(KeyBytes(*first, first->prepareIndexKey(1)), KeyBytes(*first, second->prepareIndexKey(1)));
-    EXPECT_FALSE(first->checkEqualOnIndex(second, 1));
-    EXPECT_FALSE(first->checkEqualOnIndex(second, 0));
-    EXPECT_TRUE(first->checkEqualOnIndex(first->Clone(), 1));
-    EXPECT_TRUE(first->checkEqualOnIndex(first->Clone(), 0));
-    EXPECT_FALSE(first->checkEqualOnIndex(first->Clone(), 2));
-  }
-}
-
 }  // namespace

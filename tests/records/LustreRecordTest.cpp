@@ -41,31 +41,27 @@ class FakeLustre {
 
 CLustreFIDPtr Fid(uint64_t sequence, uint32_t oid) { return CLustreFIDPtr(new CLustreFID(sequence, oid, 0)); }
 SLustreRecord& Image(WzScanDBRecordBase& r) { return *static_cast<SLustreRecord*>(r.getStructure()); }
+// The text form of a record with these fields.
+std::string Text(const CLustreFID& fid, const CLustreFID& parent, const std::string& name, int flags, int time) {
+  return "FID = [" + fid.toString() + "] : Parent FID = [" + parent.toString() + "] : Name = [" + name +
+         "] : flags = [" + std::to_string(flags) + "] : Update Time = [" + std::to_string(time) + "]";
+}
 
 TEST(LustreRecord, PathConstructorsAskForBothFIDs) {
   FakeLustre lustre;
   ScopedLogCapture log;
   WzScanDBLustreRecord byPath("/lustre/dir/file");
-  EXPECT_TRUE(byPath.getFID() == lustre.Fid("/lustre/dir/file"));
-  EXPECT_TRUE(byPath.getParentFID() == lustre.Fid("/lustre/dir"));
-  EXPECT_EQ(byPath.getName(), "file");
-  EXPECT_EQ(byPath.getFlags(), 0);
+  EXPECT_EQ(byPath.toString(), Text(lustre.Fid("/lustre/dir/file"), lustre.Fid("/lustre/dir"), "file", 0, 0));
   EXPECT_FALSE(byPath.isRoot());
-
   WzScanDBLustreRecord dir("/lustre/dir", true, 0x100000009ULL);
-  EXPECT_TRUE(dir.getFID() == lustre.Fid("/lustre/dir"));
-  EXPECT_TRUE(dir.getParentFID() == lustre.Fid("/lustre"));
-  EXPECT_TRUE(dir.isDir());
-  EXPECT_EQ(dir.getRefTime(), 9u);
+  EXPECT_EQ(dir.toString(), Text(lustre.Fid("/lustre/dir"), lustre.Fid("/lustre"), "dir", 1, 9));
   EXPECT_TRUE(byPath.checkParent(dir.Clone()));
   EXPECT_FALSE(dir.checkParent(byPath.Clone()));
 
   // With the parent given, the parent path is not looked up.
   WzScanDBLustreRecord withParent("/lustre/dir/file", Fid(0x300000000ULL, 4), false, 1);
-  EXPECT_TRUE(withParent.getFID() == lustre.Fid("/lustre/dir/file"));
-  EXPECT_TRUE(withParent.getParentFID() == CLustreFID(0x300000000ULL, 4, 0));
-  WzScanDBLustreRecord nullParent("/lustre/dir/file", CLustreFIDPtr(), true, 1);
-  EXPECT_TRUE(nullParent.isRoot());
+  EXPECT_EQ(withParent.toString(), Text(lustre.Fid("/lustre/dir/file"), *Fid(0x300000000ULL, 4), "file", 0, 1));
+  EXPECT_TRUE(WzScanDBLustreRecord("/lustre/dir/file", CLustreFIDPtr(), true, 1).isRoot());
   EXPECT_TRUE(log.Entries().empty());
 
   // Header words stay zero whatever the lookups wrote.
@@ -77,22 +73,20 @@ TEST(LustreRecord, PathConstructorsAskForBothFIDs) {
 
 TEST(LustreRecord, FailedLookupsLogAndLeaveFIDsEmpty) {
   const char kPath[] = "WzScanDBLustreRecord::WzScanDBLustreRecord(const string&)";
+  const CLustreFID none;
   // The own FID's line names only the last component, the parent's the whole parent path.
   FakeLustre lustre;
   {
     ScopedLogCapture log;
     WzScanDBLustreRecord r("/elsewhere/deep/name", false, 0);
-    EXPECT_TRUE(r.getFID().empty());
-    EXPECT_TRUE(r.getParentFID().empty());
-    EXPECT_EQ(r.getName(), "name");
+    EXPECT_EQ(r.toString(), Text(none, none, "name", 0, 0));
     ExpectLines(log, -1, "WzScanDBLustreRecord::WzScanDBLustreRecord(std::string, bool, long long unsigned int)",
                 {"Cannot convert path to FID for Path name", "Cannot convert path to FID for Path /elsewhere/deep"});
   }
   {
     ScopedLogCapture log;
     WzScanDBLustreRecord r("/lustre/dir/missing");
-    EXPECT_TRUE(r.getFID().empty());
-    EXPECT_TRUE(r.getParentFID() == lustre.Fid("/lustre/dir"));
+    EXPECT_EQ(r.toString(), Text(none, lustre.Fid("/lustre/dir"), "missing", 0, 0));
     ExpectLines(log, -1, kPath, {"Cannot convert path to FID for Path missing"});
   }
   {
@@ -108,8 +102,7 @@ TEST(LustreRecord, FailedLookupsLogAndLeaveFIDsEmpty) {
   TempDir dir;
   ScopedLogCapture log;
   WzScanDBLustreRecord r(dir / "absent");
-  EXPECT_TRUE(r.getFID().empty());
-  EXPECT_EQ(r.getName(), "absent");
+  EXPECT_EQ(r.toString(), Text(none, none, "absent", 0, 0));
   ExpectLines(log, -1, kPath,
               {"Cannot convert path to FID for Path absent", "Cannot convert path to FID for Path " + dir.path()});
 }
@@ -120,8 +113,7 @@ TEST(LustreRecord, ExplicitFIDsWidthsAndWrongTypeLines) {
             "FID = [[0x200000400:0x1a:0x0]] : Parent FID = [[0x200000400:0x2:0x0]] : Name = [a/b] "
             ": flags = [1] : Update Time = [3]");
   EXPECT_TRUE(WzScanDBLustreRecord(Fid(1, 1), CLustreFIDPtr(), "top", false, 0).isRoot());
-  WzScanDBLustreRecord probe(Fid(0x200000400ULL, 0x1a));
-  EXPECT_TRUE(probe.getFID() == CLustreFID(0x200000400ULL, 0x1a, 0));
+  WzScanDBLustreRecord probe(Fid(0x200000400ULL, 0x1a));  // everything after the FID is zero
   EXPECT_TRUE(AllZero(static_cast<const char*>(probe.getStructure()) + 24, 456 - 24));
 
   std::string longName(300, 'z');
@@ -132,19 +124,16 @@ TEST(LustreRecord, ExplicitFIDsWidthsAndWrongTypeLines) {
   r.setRefTime(0xABCDEF012345ULL);
   EXPECT_EQ(r.getRefTime(), 0xEF012345ULL);
 
-  WzScanDBRecordBasePtr generic(new WzScanDBRecord("/a"));
   {
     ScopedLogCapture log;
-    EXPECT_FALSE(r.checkParent(generic));
+    EXPECT_FALSE(r.checkParent(WzScanDBRecordBasePtr(new WzScanDBRecord("/a"))));
     ExpectLines(log, -1, "virtual bool WzScanDBLustreRecord::checkParent(WzScanDBRecordBasePtr)",
                 {"The given record is NULL or not of type WzScanDBLustreRecord\n"});
   }
-  {
-    ScopedLogCapture log;
-    EXPECT_FALSE(r.checkEqualOnIndex(WzScanDBRecordBasePtr(), 0));
-    ExpectLines(log, -1, "virtual bool WzScanDBLustreRecord::checkEqualOnIndex(WzScanDBRecordBasePtr, int)",
-                {"The given record is NULL or not of the type WzScanDBLustreRecord\n"});
-  }
+  ScopedLogCapture log;
+  EXPECT_FALSE(r.checkEqualOnIndex(WzScanDBRecordBasePtr(), 0));
+  ExpectLines(log, -1, "virtual bool WzScanDBLustreRecord::checkEqualOnIndex(WzScanDBRecordBasePtr, int)",
+              {"The given record is NULL or not of the type WzScanDBLustreRecord\n"});
 }
 
 TEST(LustreRecord, SetStructureKeepsHeaderWordsZeroAndCopyTakesTheFlagByte) {
@@ -158,14 +147,12 @@ TEST(LustreRecord, SetStructureKeepsHeaderWordsZeroAndCopyTakesTheFlagByte) {
   WzScanDBLustreRecord target;
   target.setStructure(buffer);
   const unsigned char* image = static_cast<const unsigned char*>(target.getStructure());
-  EXPECT_TRUE(AllZero(image, 8));
-  EXPECT_TRUE(AllZero(image + 24, 8));
-  EXPECT_TRUE(AllZero(image + 452, 4));
+  EXPECT_TRUE(AllZero(image, 8) && AllZero(image + 24, 8) && AllZero(image + 452, 4));
   EXPECT_EQ(0, std::memcmp(image + 8, buffer + 8, 16));
   EXPECT_EQ(0, std::memcmp(image + 32, buffer + 32, 452 - 32));
   // Keys built afterwards carry zero header words.
-  EXPECT_TRUE(AllZero(target.prepareIndexKey(0).segmentData[0], 8));
-  EXPECT_TRUE(AllZero(target.prepareIndexKey(1).segmentData[0], 8));
+  EXPECT_TRUE(AllZero(target.prepareIndexKey(0).segmentData[0], 8) &&
+              AllZero(target.prepareIndexKey(1).segmentData[0], 8));
   std::memcpy(buffer, image, sizeof buffer);
   target.setStructure(nullptr);
   EXPECT_EQ(0, std::memcmp(buffer, image, sizeof buffer));
@@ -176,10 +163,8 @@ TEST(LustreRecord, SetStructureKeepsHeaderWordsZeroAndCopyTakesTheFlagByte) {
   Image(*from).stat_data.st_size = 99;
   WzScanDBLustreRecord to(Fid(1, 3), Fid(1, 1), "t", false, 8);
   EXPECT_TRUE(to.copyStandardFields(from).IsSuccess());
-  EXPECT_EQ(to.getFlags(), 3);
+  EXPECT_EQ(to.toString(), Text(*Fid(1, 3), *Fid(1, 1), "t", 3, 8));
   EXPECT_EQ(Image(to).stat_data.st_size, 0);
-  EXPECT_EQ(to.getRefTime(), 8u);
-  EXPECT_EQ(to.getName(), "t");
   to.setFlags(0);
   EXPECT_TRUE(to.copyStandardFields(WzScanDBRecordBasePtr(new WzScanDBRecord("/g", true, 1))).IsSuccess());
   EXPECT_EQ(to.getFlags(), 0);
@@ -189,9 +174,7 @@ TEST(LustreRecord, RootCloneParentProbe) {
   WzScanDBLustreRecord r(Fid(0x200000400ULL, 0x1b), Fid(0x200000400ULL, 0x1a), "leaf", true, 6);
   WzScanDBRecordBasePtr root = r.getRoot();
   EXPECT_TRUE(root->isRoot());
-  EXPECT_EQ(root->toString(),
-            "FID = [[0x0:0x0:0x0]] : Parent FID = [[0x0:0x0:0x0]] : Name = [leaf] : flags = [1] "
-            ": Update Time = [6]");
+  EXPECT_EQ(root->toString(), Text(CLustreFID(), CLustreFID(), "leaf", 1, 6));
   EXPECT_TRUE(r.checkParent(WzScanDBRecordBasePtr(new WzScanDBLustreRecord(Fid(0x200000400ULL, 0x1a)))));
 
   WzScanDBRecordBasePtr clone = r.Clone();
@@ -199,12 +182,8 @@ TEST(LustreRecord, RootCloneParentProbe) {
   EXPECT_TRUE(clone->checkEqualOnIndex(WzScanDBRecordBasePtr(new WzScanDBLustreRecord(r)), 0));
 
   WzScanDBRecordBasePtr probe = r.MakeParentObject();
-  WzScanDBLustreRecordPtr typedProbe = boost::dynamic_pointer_cast<WzScanDBLustreRecord>(probe);
-  ASSERT_TRUE(typedProbe);
-  EXPECT_TRUE(typedProbe->getFID() == CLustreFID(0x200000400ULL, 0x1a, 0));
-  EXPECT_TRUE(typedProbe->getParentFID().empty());
-  EXPECT_EQ(probe->getName(), "");
-  EXPECT_EQ(probe->getFlags(), 0);
+  ASSERT_TRUE(boost::dynamic_pointer_cast<WzScanDBLustreRecord>(probe));
+  EXPECT_EQ(probe->toString(), Text(*Fid(0x200000400ULL, 0x1a), CLustreFID(), "", 0, 0));
 
   FakeLustre lustre;
   WzScanDBRecordBasePtr made = r.MakeObject("/lustre/dir/file");

@@ -73,73 +73,60 @@ TEST(RecordLayout, EveryTypePresentsTheInterfaceInSlotOrder) {
   ExpectInterfaceSlots<CBackupTimeRecord>("backup time");
 }
 
-struct FieldRow { const char* name; uint64_t offset; int16_t type, length; };
-struct IndexRow { const char* name; int16_t keyLength; int keyType; int16_t duplicates, numSegments, segmentNumber; };
-struct SegmentRow { int16_t fieldNumber, segmentSize; char caseSensitive; };
-
-void ExpectSchema(WzScanDBRecordBase& r, int size, int parentIndex, const std::vector<FieldRow>& fields,
-                  const std::vector<IndexRow>& indexes, const std::vector<SegmentRow>& segments) {
+// The descriptors as text: "name@offset type/length" per field; per index
+// "name length type dup nullKey emptyChar numSegments first"; per segment
+// "field/size/case". initialize runs twice: it must rebuild, not append.
+std::string Schema(WzScanDBRecordBase& r) {
   InitSchema(r);
-  InitSchema(r);  // the initialize calls rebuild, they do not append
-  EXPECT_EQ(r.recordSize(), size);
-  EXPECT_EQ(r.keyIndex(), 0);
-  EXPECT_EQ(r.parentIndex(), parentIndex);
-  EXPECT_TRUE(r.isVariableLength());
-  ASSERT_EQ(r.numFields(), static_cast<int>(fields.size()));
-  ASSERT_EQ(r.numIndices(), static_cast<int>(indexes.size()));
-  ASSERT_EQ(r.numSegments(), static_cast<int>(segments.size()));
-  for (size_t i = 0; i < fields.size(); ++i) {
-    SFields f = r.getFieldInformation(static_cast<int>(i));
-    SCOPED_TRACE(f.name);
-    EXPECT_EQ(f.name, fields[i].name);
-    EXPECT_EQ(f.offset, fields[i].offset);
-    EXPECT_EQ(f.type, fields[i].type);
-    EXPECT_EQ(f.length, fields[i].length);
+  InitSchema(r);
+  std::string text = "size " + std::to_string(r.recordSize()) + " fixed " + std::to_string(r.fixedRecordSize()) +
+                     " key " + std::to_string(r.keyIndex()) + " parent " + std::to_string(r.parentIndex()) +
+                     (r.isVariableLength() ? " variable\n" : " fixed\n");
+  for (int i = 0; i < r.numFields(); ++i) {
+    SFields f = r.getFieldInformation(i);
+    text += f.name + "@" + std::to_string(f.offset) + " " + std::to_string(f.type) + "/" + std::to_string(f.length) + " ";
   }
-  EXPECT_LE(fields.back().offset + fields.back().length, uint64_t(size));
-  EXPECT_EQ(r.fixedRecordSize(), static_cast<int>(fields.back().offset));
-  for (size_t i = 0; i < indexes.size(); ++i) {
-    SIndices x = r.getIndexInformation(static_cast<int>(i));
-    SCOPED_TRACE(x.name);
-    EXPECT_EQ(x.name, indexes[i].name);
-    EXPECT_EQ(x.keyLength, indexes[i].keyLength);
-    EXPECT_EQ(static_cast<int>(x.keyType), indexes[i].keyType);
-    EXPECT_EQ(x.duplicates, indexes[i].duplicates);
-    EXPECT_EQ(x.nullKey, 0);
-    EXPECT_EQ(x.emptyChar, 0);
-    EXPECT_EQ(x.numSegments, indexes[i].numSegments);
-    EXPECT_EQ(x.segmentNumber, indexes[i].segmentNumber);
+  text += "\n";
+  for (int i = 0; i < r.numIndices(); ++i) {
+    SIndices x = r.getIndexInformation(i);
+    for (int v : {int(x.keyLength), int(x.keyType), int(x.duplicates), int(x.nullKey), int(x.emptyChar),
+                  int(x.numSegments), int(x.segmentNumber)})
+      x.name += " " + std::to_string(v);
+    text += x.name + ", ";
   }
-  for (size_t i = 0; i < segments.size(); ++i) {
-    SSegments s = r.getSegmentInformation(static_cast<int>(i));
-    EXPECT_EQ(s.fieldNumber, segments[i].fieldNumber) << "segment " << i;
-    EXPECT_EQ(s.segmentSize, segments[i].segmentSize) << "segment " << i;
-    EXPECT_EQ(s.caseSensitive, segments[i].caseSensitive) << "segment " << i;
+  text += "\n";
+  for (int i = 0; i < r.numSegments(); ++i) {
+    SSegments g = r.getSegmentInformation(i);
+    text += std::to_string(g.fieldNumber) + "/" + std::to_string(g.segmentSize) + "/" + std::to_string(g.caseSensitive) + " ";
   }
+  return text;
 }
 
 TEST(RecordLayout, SchemaDescriptorsOfTheThreeTypes) {
   WzScanDBRecord generic;
-  ExpectSchema(generic, 440, 1,
-               {{"guid", 0, 128, 16}, {"parent_guid", 16, 128, 16}, {"stat_data", 32, 128, 144},
-                {"refTime", 176, 59, 4}, {"flags", 180, 24, 1}, {"sname", 181, 146, 255}},
-               {{"guid", 16, 0, 0, 1, 0}, {"parent_guid_and_sname", 72, 12, 1, 2, 1}},
-               {{0, 16, 1}, {1, 16, 1}, {5, 56, 1}});
+  EXPECT_EQ(Schema(generic),
+            "size 440 fixed 181 key 0 parent 1 variable\n"
+            "guid@0 128/16 parent_guid@16 128/16 stat_data@32 128/144 refTime@176 59/4 flags@180 24/1 sname@181 146/255 \n"
+            "guid 16 0 0 0 0 1 0, parent_guid_and_sname 72 12 1 0 0 2 1, \n"
+            "0/16/1 1/16/1 5/56/1 ");
   // The generic lists are the object's own: a copy carries them.
   EXPECT_EQ(WzScanDBRecord(generic).getFieldInformation(5).name, "sname");
 
   WzScanDBLustreRecord lustre;
-  ExpectSchema(lustre, 456, 1,
-               {{"FID", 0, 128, 24}, {"ParentFID", 24, 128, 24}, {"stat_data", 48, 128, 144},
-                {"refTime", 192, 59, 4}, {"flags", 196, 24, 1}, {"sname", 197, 146, 255}},
-               {{"FID", 24, 0, 0, 1, 0}, {"parent_FID_and_sname", 80, 12, 1, 2, 1}},
-               {{0, 24, 1}, {1, 24, 1}, {5, 56, 1}});
+  EXPECT_EQ(Schema(lustre),
+            "size 456 fixed 197 key 0 parent 1 variable\n"
+            "FID@0 128/24 ParentFID@24 128/24 stat_data@48 128/144 refTime@192 59/4 flags@196 24/1 sname@197 146/255 \n"
+            "FID 24 0 0 0 0 1 0, parent_FID_and_sname 80 12 1 0 0 2 1, \n"
+            "0/24/1 1/24/1 5/56/1 ");
   // The Lustre lists are class-wide: any other instance answers from them.
   EXPECT_EQ(WzScanDBLustreRecord().getIndexInformation(1).name, "parent_FID_and_sname");
 
   CBackupTimeRecord backup;
-  ExpectSchema(backup, 24, 0, {{"inode", 0, 239, 8}, {"ctime", 8, 239, 8}, {"dummy", 16, 146, 4}},
-               {{"inode", 8, 0, 0, 1, 0}}, {{0, 8, 0}});
+  EXPECT_EQ(Schema(backup),
+            "size 24 fixed 16 key 0 parent 0 variable\n"
+            "inode@0 239/8 ctime@8 239/8 dummy@16 146/4 \n"
+            "inode 8 0 0 0 0 1 0, \n"
+            "0/8/0 ");
 }
 
 }  // namespace
