@@ -3,6 +3,9 @@
 // missing files: tests/table_badfiles; a full disk: tests/fulldisk.)
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "TableTestUtil.h"
@@ -145,4 +148,33 @@ TEST(TableFiles, BypassModeBadArgumentsAndRecordNumbers) {
   EXPECT_EQ(table.currentRecordNumber(), 4);
   EXPECT_EQ(out, a);
   EXPECT_EQ(table.numberOfRecords(), 2);
+}
+
+// A file size limit (as on a full disk) answers TBL_FILE_FULL, never a
+// signal; reads and a delete still work. (tests/fulldisk checks through the
+// database that every acknowledged record is kept and the table grows on.)
+TEST(TableFiles, FileSizeLimitGivesFileFull) {
+  TempDir dir;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    signal(SIGXFSZ, SIG_IGN);
+    const struct rlimit limit = {3 << 20, 3 << 20};
+    TCtreeTable table;
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 || createTable(table, dir / "t", SchemaLayout::generic()) != TBL_OK)
+      _exit(100);
+    int added = 0, status = TBL_OK;
+    for (; added < 100000 && status == TBL_OK; ++added) {
+      auto image = genericRecord(0, uint8_t(added % 5), "name-" + std::to_string(added));
+      std::memcpy(image.data(), &added, sizeof added);
+      status = table.addRecord(image.data());
+    }
+    Image out(440);
+    if (status != TBL_FILE_FULL) _exit(101);
+    if (added < 1000 || table.numberOfRecords() != added - 1) _exit(102);
+    _exit(table.firstRecord(0, out.data()) == TBL_OK && table.deleteRecord() == TBL_OK ? 0 : 103);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(waitpid(child, &wstatus, 0), child);
+  EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << "wait status " << wstatus;
 }
