@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -18,66 +18,44 @@
 
 namespace {
 
-// Shared by a test and its thread: the thread waits until released.
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool open = false;
-  std::atomic<int> destroyed{0};
-  void Wait() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait(lock, [this] { return open; });
-  }
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
-  }
-};
-
+// A thread's argument: it waits for `release`, then doubles `value`.
 struct Payload {
-  Gate* gate;
+  std::shared_future<void> release;
+  std::shared_ptr<std::atomic<int>> destroyed;
   int value;
-  ~Payload() { gate->destroyed++; }
+  ~Payload() { ++*destroyed; }
 };
 
 void* UsePayload(void* argument) {
   auto* payload = static_cast<Payload*>(argument);
-  payload->gate->Wait();
+  payload->release.wait();
   payload->value *= 2;  // touches the argument after its owner let it go
   return reinterpret_cast<void*>(static_cast<intptr_t>(payload->value));
 }
 
 TEST(WzThreadTest, KeepAliveHoldsTheArgumentUntilTheFunctionReturns) {
-  Gate gate;
-  WzThread thread;
-  EXPECT_EQ(thread.Join(), nullptr);  // never started
-  {
-    auto payload = std::make_shared<Payload>(Payload{&gate, 21});
-    gate.destroyed = 0;  // the temporary Payload
-    ASSERT_TRUE(thread.Start(&UsePayload, payload.get(), payload));
-    EXPECT_FALSE(thread.Start(&UsePayload, payload.get(), payload));  // already started
+  for (bool join : {true, false}) {
+    SCOPED_TRACE(join ? "joined" : "never joined: detached, runs to its end");
+    std::promise<void> release;
+    auto destroyed = std::make_shared<std::atomic<int>>(0);
+    auto thread = std::make_unique<WzThread>();
+    EXPECT_EQ(thread->Join(), nullptr);  // never started
+    {
+      auto payload = std::shared_ptr<Payload>(new Payload{release.get_future().share(), destroyed, 21});
+      ASSERT_TRUE(thread->Start(&UsePayload, payload.get(), payload));
+      EXPECT_FALSE(thread->Start(&UsePayload, payload.get(), payload));  // already started
+    }
+    EXPECT_EQ(destroyed->load(), 0);
+    if (!join) thread.reset();
+    release.set_value();
+    if (join) {
+      EXPECT_EQ(reinterpret_cast<intptr_t>(thread->Join()), 42);
+      EXPECT_EQ(destroyed->load(), 1);  // released by the time Join returns
+      EXPECT_EQ(thread->Join(), nullptr);  // already joined
+    }
+    for (int i = 0; i < 500 && destroyed->load() == 0; ++i) FXThread::Sleep(2);
+    EXPECT_EQ(destroyed->load(), 1);
   }
-  EXPECT_EQ(gate.destroyed.load(), 0);
-  gate.Open();
-  EXPECT_EQ(reinterpret_cast<intptr_t>(thread.Join()), 42);
-  EXPECT_EQ(gate.destroyed.load(), 1);  // released by the time Join returns
-  EXPECT_FALSE(thread.IsStarted());
-  EXPECT_EQ(thread.Join(), nullptr);  // already joined
-
-  // A thread never joined is detached, not terminated, and runs to its end.
-  auto detachedGate = std::make_shared<Gate>();
-  auto payload = std::make_shared<Payload>(Payload{detachedGate.get(), 5});
-  detachedGate->destroyed = 0;
-  {
-    WzThread detached;
-    ASSERT_TRUE(detached.Start(&UsePayload, payload.get(), payload));
-  }
-  payload.reset();
-  EXPECT_EQ(detachedGate->destroyed.load(), 0);
-  detachedGate->Open();
-  for (int i = 0; i < 500 && detachedGate->destroyed.load() == 0; ++i) FXThread::Sleep(2);
-  EXPECT_EQ(detachedGate->destroyed.load(), 1);
 }
 
 TEST(LockTest, CriticalSectionIsRecursiveAndLocksExcludeOtherThreads) {
@@ -86,8 +64,6 @@ TEST(LockTest, CriticalSectionIsRecursiveAndLocksExcludeOtherThreads) {
   {
     auto_lock<FXCriticalSection> outer(section);
     auto_lock<FXCriticalSection> inner(section);
-    EXPECT_TRUE(section.TryLock());
-    section.Unlock();
     std::thread([&] { otherGot = section.TryLock(); }).join();
     EXPECT_FALSE(otherGot);
   }
@@ -121,16 +97,13 @@ TEST(TimingTest, CounterAddsFromManyThreadsAndRenders) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(counter.AsString(), "samples=100000 total=100.000 ms mean=1.000 us");
   counter.Reset();
-  EXPECT_EQ(counter.GetTotalSamples(), 0u);
-  EXPECT_EQ(counter.GetTotalTime(), 0);
   {
     CAutoTimeCounter timer(&counter);
+    CAutoTimeCounter nothing(nullptr);
     FXThread::Sleep(5);
   }
   EXPECT_EQ(counter.GetTotalSamples(), 1u);
   EXPECT_GE(counter.GetTotalTime(), 5000000LL);
-  { CAutoTimeCounter nothing(nullptr); }
-  EXPECT_EQ(counter.GetTotalSamples(), 1u);
 }
 
 TEST(TimingTest, TimeStampConvertsAndRendersInUtc) {
@@ -139,7 +112,6 @@ TEST(TimingTest, TimeStampConvertsAndRendersInUtc) {
   EXPECT_EQ(CTimeStamp::FromNanoseconds(1700000000123456789LL).AsString(), "2023-11-14 22:13:20.123456");
   EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).ToUnixSeconds(), -1);
   EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).AsString(), "1969-12-31 23:59:59.999999");
-  EXPECT_EQ(CTimeStamp::FromUnixSeconds(86400).ToUnixSeconds(), 86400);
   const CTimeStamp now = CTimeStamp::Now();
   EXPECT_GT(now.ToUnixSeconds(), 1700000000);
   EXPECT_TRUE(MatchesShape(now.AsString(), kStampShape)) << now.AsString();
