@@ -81,7 +81,8 @@ class ClientTest : public ::testing::Test {
     WzScanDBRecordBasePtr item;
     std::string path;
     CKoError err = Call(api.WzScanDBObjectGetFirstItem, handle, start, item, path);
-    for (; err.IsSuccess() && paths.size() < 100; err = Call(api.WzScanDBObjectGetNextItem, handle, item, path))
+    for (; err.IsSuccess() && paths.size() < 100;
+         err = Call(api.WzScanDBObjectGetNextItem, handle, item, path))
       paths.push_back(path);
     EXPECT_EQ(EKoErrorKind::kWin32, err.GetKind()) << err.AsString();
     EXPECT_EQ(18, err.GetCode());
@@ -188,7 +189,8 @@ TEST_F(ClientTest, GenericRecordLifeCycle) {
   EXPECT_EQ(0, std::memcmp(&written, &read, sizeof read));
   EXPECT_EQ(22, Call(api.WzScanDBObjectUpdateDBRecord, db, make("/data/never", false)).GetCode());
 
-  EXPECT_EQ((Names{"a.txt", "b.txt", "d.txt", "e.txt", "sub", "sub/c.txt"}), Walk(db, make("/data", true)));
+  EXPECT_EQ((Names{"a.txt", "b.txt", "d.txt", "e.txt", "sub", "sub/c.txt"}),
+            Walk(db, make("/data", true)));
   EXPECT_EQ((Names{"a.txt", "b.txt", "d.txt", "e.txt", "sub"}), FolderItems(db, make("/data", true)));
 
   // Rename a file, move a record to another folder, move a folder.
@@ -196,7 +198,8 @@ TEST_F(ClientTest, GenericRecordLifeCycle) {
   ASSERT_OK(Call(api.WzScanDBObjectRenameByKey, db, key("/data/d.txt"), make("/other/d.txt", false)));
   ASSERT_OK(Call(api.WzScanDBObjectRenameFolder, db, key("/data/sub"), make("/other/sub2", true),
                  "/data/sub", "/other/sub2"));
-  EXPECT_EQ(2, Call(api.WzScanDBObjectRenameByKey, db, key("/data/ghost"), make("/other/ghost", false)).GetCode());
+  err = Call(api.WzScanDBObjectRenameByKey, db, key("/data/ghost"), make("/other/ghost", false));
+  EXPECT_EQ(2, err.GetCode());
   EXPECT_EQ((Names{"a.txt", "b2.txt", "e.txt"}), FolderItems(db, make("/data", true)));
   EXPECT_EQ((Names{"d.txt", "sub2", "sub2/c.txt"}), Walk(db, make("/other", true)));
   EXPECT_EQ(9u, Read(db).size());
@@ -278,7 +281,8 @@ TEST_F(ClientTest, LustreRecordLifeCycle) {
   for (auto folder : {root, make(kData, kRoot, "data", true), make(kSub, kData, "sub", true),
                       make(kOther, kRoot, "other", true)})
     ASSERT_OK(Call(api.WzScanDBObjectAddFolder, db, folder));
-  for (auto file : {make(kA, kData, "a", false), make(kB, kData, "b", false), make(kC, kSub, "c", false)})
+  for (auto file :
+       {make(kA, kData, "a", false), make(kB, kData, "b", false), make(kC, kSub, "c", false)})
     ASSERT_OK(Call(api.WzScanDBObjectAddFile, db, file));
 
   // Looked up by FID alone.

@@ -32,14 +32,15 @@ class CountersTest : public CoreTest {
 TEST_F(CountersTest, BlockAtStartAndAtCloseCountsTheOperationsAndCloseIsPrompt) {
   WzScanDBPtr db = OpenDb();
   ASSERT_TRUE(WaitFor(kHead, 1, 5)) << "the thread dumps as soon as it starts";
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(db->addDBRecord(Generic("/c/" + std::to_string(i))).IsSuccess());
+  for (const char* path : {"/c/0", "/c/1", "/c/2"})
+    ASSERT_TRUE(db->addDBRecord(Generic(path)).IsSuccess());
   ASSERT_TRUE(db->updateDBRecord(Generic("/c/0", false, 4)).IsSuccess());
   ASSERT_TRUE(db->deleteDBRecord(Generic("/c/1")).IsSuccess());
   ASSERT_TRUE(db->addRecordWithoutCheck(Generic("/c/9")).IsSuccess());
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the thread is asleep now
   auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(db->close().IsSuccess());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "close waits for no sleep";
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "close is prompt";
   EXPECT_EQ(Count(kStopped), 1u) << "close joined the thread";
 
   EXPECT_EQ(Count(kHead), 2u);

@@ -134,7 +134,8 @@ TEST_F(LifeCycleTest, EachRecordTypeInItsOwnDatabase) {
     bool found = false;
     ASSERT_TRUE(db->checkDBRecord(c.record, out, found).IsSuccess());
     EXPECT_TRUE(found);
-    EXPECT_EQ(std::memcmp(out->getStructure(), c.record->getStructure(), c.record->fixedRecordSize()), 0);
+    EXPECT_EQ(0, std::memcmp(out->getStructure(), c.record->getStructure(),
+                             c.record->fixedRecordSize()));
     EXPECT_EQ(out->toString(), c.record->toString());
     db->close();
   }

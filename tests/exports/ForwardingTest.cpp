@@ -82,7 +82,8 @@ TEST_F(ExportsTest, RenameFolderPassesOldRecordNewRecordOldPathNewPath) {
   EXPECT_TRUE(Stored(h, "/y") && Stored(h, "/y/f") && Stored(h, "/xx"));
 
   // The old path reaches the not-found message; the stored tree is unchanged.
-  CKoError err = Call(WzScanDBObjectRenameFolder, h, Generic("/x", true), Generic("/z", true), "/x", "/z");
+  CKoError err =
+      Call(WzScanDBObjectRenameFolder, h, Generic("/x", true), Generic("/z", true), "/x", "/z");
   EXPECT_EQ(2, err.GetCode());
   EXPECT_EQ("Cannot rename folder /x since the folder doesn't exist in the database",
             err.GetTopMessage());
@@ -101,7 +102,8 @@ TEST_F(ExportsTest, EveryFailureIsTheForwardedOperationsOwnError) {
   std::string itemPath;
   bool flag = true;
   ExpectSameErrors({
-      {"AddFile", [&] { return h->addFile(none); }, [&] { return Call(WzScanDBObjectAddFile, h, none); }},
+      {"AddFile", [&] { return h->addFile(none); },
+       [&] { return Call(WzScanDBObjectAddFile, h, none); }},
       {"AddFolder", [&] { return h->addFolder(none); },
        [&] { return Call(WzScanDBObjectAddFolder, h, none); }},
       {"RemoveFile", [&] { return h->removeFile(none); },
@@ -167,10 +169,10 @@ TEST_F(ExportsTest, ExceptionsPassThroughAndReleaseTheCopies) {
   WzScanDBRecordBasePtr record(new UncloneableRecord("/f", false)), target = Generic("/g");
   EXPECT_THROW(Call(WzScanDBObjectAddDBRecord, h, record), std::runtime_error);
   EXPECT_THROW(Call(WzScanDBObjectRenameByKey, h, record, target), std::runtime_error);
-  EXPECT_THROW(Call(WzScanDBObjectRenameFolder, h, WzScanDBRecordBasePtr(new UncloneableRecord("/d", true)),
-                    target, "/d", "/e"),
-               std::runtime_error);
+  WzScanDBRecordBasePtr folder(new UncloneableRecord("/d", true));
+  EXPECT_THROW(Call(WzScanDBObjectRenameFolder, h, folder, target, "/d", "/e"), std::runtime_error);
   EXPECT_EQ(1, record.use_count());
+  EXPECT_EQ(1, folder.use_count());
   EXPECT_EQ(1, target.use_count());
   // The database goes on working after the exceptions.
   EXPECT_OK(Call(WzScanDBObjectAddFile, h, Generic("/f")));
