@@ -173,6 +173,8 @@ TEST_F(ClientTest, GenericRecordLifeCycle) {
   api.WzScanDBGetParentGUID(typed, parentText);
   api.WzScanDBGetGUIDString(make("/data", true)->getGUID(), dataText);
   EXPECT_EQ(dataText, parentText);
+  api.WzScanDBGetParentGUID(make("/", true), parentText);
+  EXPECT_EQ("0x" + std::string(32, '0'), parentText) << "the root has no parent";
   EXPECT_EQ(5000u, api.GetGlusterRecordRefTime(typed));
 
   // The whole status structure goes through an update and comes back out of
