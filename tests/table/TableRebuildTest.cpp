@@ -92,6 +92,7 @@ TEST(TableRebuild, UniqueDuplicateKeepsIndexingSuspendedAndLosesNothing) {
   capture->Remove();
   Image out(440);
   EXPECT_EQ(table.firstRecord(1, out.data()), TBL_INDEX_SUSPENDED);
+  EXPECT_EQ(table.checkConsistency(), TBL_INDEX_SUSPENDED);
   std::vector<Image> seen;
   for (int rc = table.firstRecord(-1, out.data()); rc == TBL_OK; rc = table.nextRecord(-1, out.data()))
     seen.push_back(out);
