@@ -138,8 +138,11 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   boost::shared_ptr<WzScanDBPerformanceCounter> performanceCounter;
   boost::shared_ptr<WzThread> statisticsThread;
 
-  // Key bytes shared by the children of one folder on `index` (WzScanDBChildren.cpp).
+  // Key bytes shared by the children of one folder on `index`
+  // (WzScanDBChildren.cpp), worked out once per index from the prototype.
   int childKeyPrefix(int index);
+  int prefixIndex = -1;
+  int prefixLength = 0;
 
   // ---- sub-tree walk internals (WzScanDBSubTree.cpp) ------------------------
   // SubTreeWalk describes one getSubTree overload: its signature text, its

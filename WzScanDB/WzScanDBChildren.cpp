@@ -109,13 +109,19 @@ class ChildCollector : public TCtreeTable::RunReceiver {
 // index: every segment but the last (the name). 0 when the schema does not
 // tell, which makes the run stop only at a record that is not a child.
 int WzScanDB::childKeyPrefix(int index) {
+  if (index == prefixIndex) return prefixLength;
   if (!recordPrototype || index < 0 || index >= recordPrototype->numIndices()) return 0;
   const SIndices described = recordPrototype->getIndexInformation(index);
-  if (described.numSegments < 2) return 0;
-  const SSegments name =
-      recordPrototype->getSegmentInformation(described.segmentNumber + described.numSegments - 1);
-  const int prefix = described.keyLength - name.segmentSize;
-  return prefix > 0 && prefix < described.keyLength ? prefix : 0;
+  int prefix = 0;
+  if (described.numSegments >= 2) {
+    const SSegments name = recordPrototype->getSegmentInformation(described.segmentNumber +
+                                                                  described.numSegments - 1);
+    prefix = described.keyLength - name.segmentSize;
+    if (prefix <= 0 || prefix >= described.keyLength) prefix = 0;
+  }
+  prefixIndex = index;
+  prefixLength = prefix;
+  return prefix;
 }
 
 // The folder's children key is (folder id, empty name): the lowest key any of

@@ -8,6 +8,9 @@ SPrepareIndexKeyStructure MakeKeyRequest(int index, int keyLength,
                                          std::initializer_list<const void*> data) {
   SPrepareIndexKeyStructure request;
   request.indexNumber = index;
+  request.segmentNumbers.reserve(data.size());
+  request.segmentModes.reserve(data.size());
+  request.segmentData.reserve(data.size());
   int segment = 0;
   for (const void* source : data) {
     request.segmentNumbers.push_back(segment++);
