@@ -28,13 +28,16 @@ set label "build target" at 1900000,1.12e5 right tc rgb "#9400d3"
 set arrow from 5000,66667 to 2000000,66667 nohead dt 2 lc rgb "#e69f00"
 set label "validate target" at 1900000,59000 right tc rgb "#e69f00"
 
-# Columns 2 to 10: build, scan, walk, children, validate, updated, rename,
-# remove, raw-add; the last column is the peak memory and is not plotted.
-# The two baselines (scan, raw-add: the engine alone) are drawn dotted, in grey.
-phases = "2 4 5 6 7 8 9"
+# Columns 2 to 11: build, scan, walk, children, runs, validate, updated,
+# rename, remove, raw-add; the last column is the peak memory and is not
+# plotted. The three baselines (scan, runs, raw-add: the engine alone) are
+# drawn dotted, in grey.
+phases = "2 4 5 7 8 9 10"
 plot for [w in phases] datafile using 1:int(w) with linespoints lw 2 pt 7 ps 1.2 \
          title columnhead(int(w)), \
      datafile using 1:3 with linespoints lw 1 dt 3 lc rgb "#555555" pt 6 ps 1.2 \
          title "scan (baseline)", \
-     datafile using 1:10 with linespoints lw 1 dt 3 lc rgb "#555555" pt 4 ps 1.2 \
+     datafile using 1:6 with linespoints lw 1 dt 3 lc rgb "#555555" pt 8 ps 1.2 \
+         title "runs (baseline)", \
+     datafile using 1:11 with linespoints lw 1 dt 3 lc rgb "#555555" pt 4 ps 1.2 \
          title "raw-add (baseline)"
