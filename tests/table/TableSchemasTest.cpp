@@ -52,15 +52,12 @@ TEST(TableSchemas, RegistrationRefusesWhatTheEngineCannotStore) {
   EXPECT_EQ(partial.open(WZIndexing::kAccessReadWrite), TBL_NOT_DEFINED);
 }
 
-TEST(TableSchemas, IntrospectionAndUnsupportedHooks) {
+// Introspection beyond reading back what was registered: derived flags, name
+// sizes, out-of-range numbers.
+TEST(TableSchemas, IntrospectionUnsupportedHooksAndStatusTexts) {
   TempDir dir;
   TCtreeTable table;
   ASSERT_EQ(defineSchema(table, dir / "t", SchemaLayout::generic()), TBL_OK);
-  EXPECT_EQ(table.getFieldsCount(), 6);
-  EXPECT_EQ(table.getIndexesCount(), 2);
-  EXPECT_EQ(table.getFieldType(5), kFieldString);
-  EXPECT_EQ(table.getFieldOffset(5), 181);
-  EXPECT_EQ(table.getFieldLength(2), 144);
   EXPECT_EQ(table.getFieldUnsignedFlag(3), 1);
   EXPECT_EQ(table.getFieldUnsignedFlag(0), 0);
   EXPECT_EQ(table.getFieldType(6), -1);
@@ -74,8 +71,6 @@ TEST(TableSchemas, IntrospectionAndUnsupportedHooks) {
   ASSERT_EQ(table.getIndexName(1, name, sizeof name), TBL_OK);
   EXPECT_STREQ(name, "parent_guid_and_sname");
   EXPECT_EQ(table.getIndexName(2, name, sizeof name), TBL_BAD_ARGUMENT);
-  EXPECT_EQ(table.getFieldOrderCount(), 6);
-  EXPECT_EQ(table.getFieldIdInOrder(4), 4);
   EXPECT_EQ(table.getFieldIdInOrder(6), -1);
   EXPECT_EQ(table.shellOrder(9), TBL_BAD_ARGUMENT);
 
@@ -88,7 +83,6 @@ TEST(TableSchemas, IntrospectionAndUnsupportedHooks) {
   EXPECT_EQ(table.processTableVersionExternal(version), TBL_NOT_SUPPORTED);
   EXPECT_FALSE(table.createHugeFile());
   EXPECT_GT(table.hugeFileIncr(), 0);
-  EXPECT_STREQ(table.getTableType(), "TCtreeTable");
 
   std::set<std::string> texts;
   for (int status = 100; status <= 119; ++status) {
