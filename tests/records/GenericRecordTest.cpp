@@ -60,7 +60,8 @@ TEST(GenericRecord, BuiltFromAPathWithStoredWidths) {
 
 TEST(GenericRecord, WrongTypeFailureLinesAndCopyStandardFields) {
   WzScanDBRecord r("/a/b");
-  for (const WzScanDBRecordBasePtr& other : {WzScanDBRecordBasePtr(new WzScanDBLustreRecord()), WzScanDBRecordBasePtr()}) {
+  for (const WzScanDBRecordBasePtr& other :
+       {WzScanDBRecordBasePtr(new WzScanDBLustreRecord()), WzScanDBRecordBasePtr()}) {
     ScopedLogCapture log;
     EXPECT_FALSE(r.checkParent(other));
     ExpectLines(log, -1, "virtual bool WzScanDBRecord::checkParent(WzScanDBRecordBasePtr)",

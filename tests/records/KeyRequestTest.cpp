@@ -92,7 +92,8 @@ void ExpectChildrenStartKey(WzScanDBRecordBase& folder, const std::vector<WzScan
   Key startKey = KeyBytes(folder, start);
   EXPECT_TRUE(std::all_of(startKey.begin() + parentBytes, startKey.end(), [](unsigned char b) { return b == 0; }));
 
-  for (const char* name : {"a", "A", "\x01", "zzz", "a-name-longer-than-the-fifty-six-byte-name-segment-of-the-key"}) {
+  for (const char* name :
+       {"a", "A", "\x01", "zzz", "a-name-longer-than-the-fifty-six-byte-name-segment-of-the-key"}) {
     WzScanDBRecordBasePtr child = makeChild(name);
     ASSERT_TRUE(child->checkParent(folder.Clone()));
     Key childKey = KeyBytes(folder, child->prepareIndexKey(1));

@@ -75,7 +75,8 @@ TEST(LustreRecord, FailedLookupsLogAndLeaveFIDsEmpty) {
     WzScanDBLustreRecord r("/elsewhere/deep/name", false, 0);
     EXPECT_EQ(r.toString(), Text(none, none, "name", 0, 0));
     ExpectLines(log, -1, "WzScanDBLustreRecord::WzScanDBLustreRecord(std::string, bool, long long unsigned int)",
-                {"Cannot convert path to FID for Path name", "Cannot convert path to FID for Path /elsewhere/deep"});
+                {"Cannot convert path to FID for Path name",
+                 "Cannot convert path to FID for Path /elsewhere/deep"});
   }
   {
     ScopedLogCapture log;

@@ -84,7 +84,8 @@ std::string Schema(WzScanDBRecordBase& r) {
                      (r.isVariableLength() ? " variable\n" : " fixed\n");
   for (int i = 0; i < r.numFields(); ++i) {
     SFields f = r.getFieldInformation(i);
-    text += f.name + "@" + std::to_string(f.offset) + " " + std::to_string(f.type) + "/" + std::to_string(f.length) + " ";
+    text += f.name + "@" + std::to_string(f.offset) + " " + std::to_string(f.type) + "/" +
+            std::to_string(f.length) + " ";
   }
   text += "\n";
   for (int i = 0; i < r.numIndices(); ++i) {
@@ -97,7 +98,8 @@ std::string Schema(WzScanDBRecordBase& r) {
   text += "\n";
   for (int i = 0; i < r.numSegments(); ++i) {
     SSegments g = r.getSegmentInformation(i);
-    text += std::to_string(g.fieldNumber) + "/" + std::to_string(g.segmentSize) + "/" + std::to_string(g.caseSensitive) + " ";
+    text += std::to_string(g.fieldNumber) + "/" + std::to_string(g.segmentSize) + "/" +
+            std::to_string(g.caseSensitive) + " ";
   }
   return text;
 }
@@ -106,7 +108,8 @@ TEST(RecordLayout, SchemaDescriptorsOfTheThreeTypes) {
   WzScanDBRecord generic;
   EXPECT_EQ(Schema(generic),
             "size 440 fixed 181 key 0 parent 1 variable\n"
-            "guid@0 128/16 parent_guid@16 128/16 stat_data@32 128/144 refTime@176 59/4 flags@180 24/1 sname@181 146/255 \n"
+            "guid@0 128/16 parent_guid@16 128/16 stat_data@32 128/144 "
+            "refTime@176 59/4 flags@180 24/1 sname@181 146/255 \n"
             "guid 16 0 0 0 0 1 0, parent_guid_and_sname 72 12 1 0 0 2 1, \n"
             "0/16/1 1/16/1 5/56/1 ");
   // The generic lists are the object's own: a copy carries them.
@@ -115,7 +118,8 @@ TEST(RecordLayout, SchemaDescriptorsOfTheThreeTypes) {
   WzScanDBLustreRecord lustre;
   EXPECT_EQ(Schema(lustre),
             "size 456 fixed 197 key 0 parent 1 variable\n"
-            "FID@0 128/24 ParentFID@24 128/24 stat_data@48 128/144 refTime@192 59/4 flags@196 24/1 sname@197 146/255 \n"
+            "FID@0 128/24 ParentFID@24 128/24 stat_data@48 128/144 "
+            "refTime@192 59/4 flags@196 24/1 sname@197 146/255 \n"
             "FID 24 0 0 0 0 1 0, parent_FID_and_sname 80 12 1 0 0 2 1, \n"
             "0/24/1 1/24/1 5/56/1 ");
   // The Lustre lists are class-wide: any other instance answers from them.

@@ -64,11 +64,13 @@ TEST(CKoErrorTest, FactoriesPushAndAsStringRenderTopFirst) {
   const std::pair<CKoError, std::string> rows[] = {
       {pushed, "Error (errno 2: No such file or directory)\n"
                "  at WzScanDB/WzScanDB:20 CKoError WzScanDB::outer(): addFile() Failed" + at + "no record 7"},
-      {FXErrorUtil::ErrorInt(kInner, 101, "engine said %s", "no key"), "Error (status 101)" + at + "engine said no key"},
+      {FXErrorUtil::ErrorInt(kInner, 101, "engine said %s", "no key"),
+       "Error (status 101)" + at + "engine said no key"},
       {FXErrorUtil::ErrorWin32(kInner, kWin32NoMoreFiles),
        "Error (win32 18: There are no more files.)" + at + "There are no more files."},
       {FXErrorUtil::ErrorWin32(kInner, 774, "Rebuild Index Failed due to %s", "x"),
-       "Error (win32 774: An error occurred while performing index maintenance.)" + at + "Rebuild Index Failed due to x"},
+       "Error (win32 774: An error occurred while performing index maintenance.)" + at +
+           "Rebuild Index Failed due to x"},
       // An unknown Win32 code has no text but still renders.
       {FXErrorUtil::ErrorWin32(kInner, 99999, "x"), "Error (win32 99999)" + at + "x"},
       {FXErrorUtil::ErrorWin32(kInner, 4242), "Error (win32 4242)" + at + "Win32 error 4242"},

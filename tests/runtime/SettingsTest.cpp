@@ -67,14 +67,17 @@ TEST_F(SettingsTest, FindsValuesAndLeavesMissingOnesUntouched) {
 }
 
 TEST_F(SettingsTest, MalformedNumberWarnsAndLeavesValue) {
-  UseSettings("[~FileSystemAgent]\nWords = ten\nTrailing = 10s\nEmpty =\nTooBig = 2147483648\nBiggest = 2147483647\n");
+  UseSettings("[~FileSystemAgent]\nWords = ten\nTrailing = 10s\nEmpty =\n"
+              "TooBig = 2147483648\nBiggest = 2147483647\n");
   auto capture = CLogCapture::Install();
-  for (const char* name : {"Words", "Trailing", "Empty", "TooBig"}) EXPECT_EQ(Read(kAgent, name), "untouched") << name;
+  for (const char* name : {"Words", "Trailing", "Empty", "TooBig"})
+    EXPECT_EQ(Read(kAgent, name), "untouched") << name;
   EXPECT_EQ(Read(kAgent, "Biggest"), "2147483647");
   auto warnings = capture->Entries();
   ASSERT_EQ(warnings.size(), 4u);
   for (const auto& entry : warnings) EXPECT_EQ(entry.level, -1);
-  EXPECT_EQ(warnings[0].message, "Setting \"Words\" in section \"~FileSystemAgent\" is not a whole number: \"ten\"");
+  EXPECT_EQ(warnings[0].message,
+            "Setting \"Words\" in section \"~FileSystemAgent\" is not a whole number: \"ten\"");
   EXPECT_EQ(warnings[3].message,
             "Setting \"TooBig\" in section \"~FileSystemAgent\" is not a whole number: \"2147483648\"");
   capture->Remove();
