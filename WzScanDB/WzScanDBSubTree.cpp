@@ -295,13 +295,19 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
   std::vector<WzScanDBRecordBasePtr> children;
   std::string prefix;
 
+  // Queue nodes taken off the front are kept and reused at the back (a
+  // prefix node keeps its string's buffer), so that the queues do not
+  // allocate and free a node, and a prefix, per folder.
+  std::list<WzScanDBRecordBasePtr> freeFolderNodes;
+  std::list<std::string> freePrefixNodes;
+
   while (!pending.empty()) {
     WzScanDBRecordBasePtr folder = std::move(pending.front());
-    pending.pop_front();
+    freeFolderNodes.splice(freeFolderNodes.end(), pending, pending.begin());
     prefix.clear();
     if (paths && !prefixes.empty()) {
-      prefix = std::move(prefixes.front());
-      prefixes.pop_front();
+      prefix.swap(prefixes.front());
+      freePrefixNodes.splice(freePrefixNodes.end(), prefixes, prefixes.begin());
     }
 
     CKoError err = getChildren(folder, children);
@@ -319,15 +325,21 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
       if (paths) pathSlots.append(prefix, child->getName());
 
       if (child->isDir()) {
-        pending.push_back(child);
+        if (freeFolderNodes.empty()) {
+          pending.push_back(child);
+        } else {
+          freeFolderNodes.front() = child;
+          pending.splice(pending.end(), freeFolderNodes, freeFolderNodes.begin());
+        }
         if (paths) {
+          if (freePrefixNodes.empty()) freePrefixNodes.emplace_back();
+          std::string& childPrefix = freePrefixNodes.front();
           // Room for the delimiter, so that appending it does not reallocate.
           const std::string& path = pathSlots.last();
-          std::string childPrefix;
           childPrefix.reserve(path.size() + 1);
-          childPrefix.append(path);
+          childPrefix.assign(path);
           FXPath::AppendTrailingDelimiter(childPrefix);
-          prefixes.push_back(std::move(childPrefix));
+          prefixes.splice(prefixes.end(), freePrefixNodes, freePrefixNodes.begin());
         }
       }
       const int flags = child->getFlags();
