@@ -199,8 +199,10 @@ unsigned long long WzScanDBLustreRecord::getRefTime() { return record.refTime; }
 
 void* WzScanDBLustreRecord::getStructure() { return &record; }
 
+// The engine usually reads straight into getStructure(): that image is
+// already in place.
 void WzScanDBLustreRecord::setStructure(void* data) {
-  if (data) record = *static_cast<const SLustreRecord*>(data);
+  if (data && data != &record) record = *static_cast<const SLustreRecord*>(data);
 }
 
 CKoError WzScanDBLustreRecord::copyStandardFields(WzScanDBRecordBasePtr other) {

@@ -147,8 +147,10 @@ unsigned long long WzScanDBRecord::getRefTime() { return record.refTime; }
 
 void* WzScanDBRecord::getStructure() { return &record; }
 
+// The engine usually reads straight into getStructure(): that image is
+// already in place.
 void WzScanDBRecord::setStructure(void* data) {
-  if (data) std::memcpy(static_cast<void*>(&record), data, kFieldBytes);
+  if (data && data != &record) std::memcpy(static_cast<void*>(&record), data, kFieldBytes);
 }
 
 CKoError WzScanDBRecord::copyStandardFields(WzScanDBRecordBasePtr other) {
