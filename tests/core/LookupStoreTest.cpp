@@ -123,13 +123,6 @@ TEST_F(LookupStoreTest, AddUpdateDeleteAndRoot) {
   ASSERT_TRUE(db->addRecordWithoutCheck(again).IsSuccess());
   EXPECT_EQ(db->getRoot(), again);
 
-  // The reference time lives in memory only.
-  db->setRefTime(123456789012345ULL);
-  EXPECT_EQ(db->getRefTime(), 123456789012345ULL);
-  db->close();
-  db = NewGenericDb();
-  ASSERT_TRUE(Open(*db, dir.path()).IsSuccess());
-  EXPECT_EQ(db->getRefTime(), 0u) << "not stored with the files";
 }
 
 // Lookups, updates and adds without check hold dbLock across the engine's
