@@ -122,7 +122,6 @@ TEST_F(LookupStoreTest, AddUpdateDeleteAndRoot) {
   ASSERT_TRUE(db->deleteDBRecord(root).IsSuccess());
   ASSERT_TRUE(db->addRecordWithoutCheck(again).IsSuccess());
   EXPECT_EQ(db->getRoot(), again);
-
 }
 
 // Lookups, updates and adds without check hold dbLock across the engine's
