@@ -13,20 +13,21 @@
 namespace coretest {
 namespace {
 
+enum Fault {
+  kBadField,       // field 0 registered with an unknown type
+  kBadIndex,       // index 0 registered with an unknown key type
+  kBadSegment,     // segment 0 taken from a field that does not exist
+  kBadKeyLength,   // index 0 announces 17 key bytes for a 16-byte segment
+  kBadKeySegment,  // the key request names a segment the index lacks
+  kBadFinish,      // the key request names an index the table lacks
+  kEqualOnce,      // checkEqualOnIndex is true only on its first call
+  kNeverEqual,     // checkEqualOnIndex is always false
+};
+
 // A generic record that breaks one thing on request. Clones keep the fault
 // and share the call counter.
 class FaultyRecord : public WzScanDBRecord {
  public:
-  enum Fault {
-    kBadField,       // field 0 registered with an unknown type
-    kBadIndex,       // index 0 registered with an unknown key type
-    kBadSegment,     // segment 0 taken from a field that does not exist
-    kBadKeyLength,   // index 0 announces 17 key bytes for a 16-byte segment
-    kBadKeySegment,  // the key request names a segment the index lacks
-    kBadFinish,      // the key request names an index the table lacks
-    kEqualOnce,      // checkEqualOnIndex is true only on its first call
-    kNeverEqual,     // checkEqualOnIndex is always false
-  };
   FaultyRecord(const std::string& path, Fault fault)
       : WzScanDBRecord(path, false, 0), fault_(fault), calls_(std::make_shared<int>(0)) {}
 
@@ -93,7 +94,7 @@ const EKoErrorKind kWin32 = EKoErrorKind::kWin32;
 
 std::string Engine(int status) { return TCtreeTable::errToString(status); }
 WzScanDBRecordBasePtr AB() { return Generic("/a/b"); }
-WzScanDBRecordBasePtr Faulty(FaultyRecord::Fault fault) {
+WzScanDBRecordBasePtr Faulty(Fault fault) {
   return boost::make_shared<FaultyRecord>("/a/b", fault);
 }
 
@@ -115,16 +116,17 @@ struct Env {
     db = NewDb(prototype);
     return open();
   }
-  CKoError openFaulty(FaultyRecord::Fault fault) {
+  CKoError openFaulty(Fault fault) {
     return reopenAs(boost::make_shared<FaultyRecord>("/proto", fault));
   }
   CKoError twice(WzScanDBRecordBasePtr record) {
     opened().addDBRecord(record);
     return db->addDBRecord(record);
   }
-  CKoError check(WzScanDBRecordBasePtr record) {
+  CKoError check(WzScanDBRecordBasePtr record) { return check(record, record->Clone()); }
+  CKoError check(WzScanDBRecordBasePtr record, WzScanDBRecordBasePtr out) {
     bool found = false;
-    return db->checkDBRecord(record, record->Clone(), found);
+    return db->checkDBRecord(record, out, found);
   }
   std::string to() const {
     mkdir((dir / "to").c_str(), 0700);
@@ -161,9 +163,12 @@ Row Err(const char* name, CKoError (*run)(Env&), EKoErrorKind kind, int code,
   return Row{name, run, true, code, kind, function, text, topFrame};
 }
 
+// A scenario: runs `expression` on a fresh Env e and returns its error.
+#define DO(...) [](Env & e) -> CKoError { return (void)e, __VA_ARGS__; }
+
 // A line of creating and closing a database.
 Row Line(int level, const char* function, const std::string& text) {
-  return Log("", [](Env& e) { return e.closed(); }, level, function, text);
+  return Log("", DO(e.closed()), level, function, text);
 }
 CKoError Rebuild(Env& e) {
   e.opened().suspendIndex();
@@ -176,151 +181,138 @@ std::vector<Row> Rows() {
   const std::string zero = CTimeCounter().AsString();
   return {
       // construction
-      Log("null prototype", [](Env&) { return NewDb(nullptr), CKoError(); }, -1, kCtor,
+      Log("null prototype", DO(NewDb(nullptr), CKoError()), -1, kCtor,
           "The Record Structure is NULL"),
-      Log("prototype", [](Env&) { return NewDb(AB()), CKoError(); }, 4, kCtor,
+      Log("prototype", DO(NewDb(AB()), CKoError()), 4, kCtor,
           "Initialized the Record Structure while creating the Object"),
       // initialize
-      Err("empty directory", [](Env& e) { return e.db->initialize(std::string()); }, kErrNo, 22,
-          kInit, "The Given Directory path to create/open WzScanDB is empty"),
-      Err("no record structure", [](Env& e) { return e.reopenAs(nullptr); }, kErrNo, 22, kInit,
+      Err("empty directory", DO(e.db->initialize(std::string())), kErrNo, 22, kInit,
+          "The Given Directory path to create/open WzScanDB is empty"),
+      Err("no record structure", DO(e.reopenAs(nullptr)), kErrNo, 22, kInit,
           "Cannot Initialize Database because the Record Structure is not initialized"),
-      Line(0, kInit, "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- "
-                     "fixedRecordSize : 181\n"),
-      Err("second initialize", [](Env& e) { return e.open(), e.open(); }, kInt, TBL_ALREADY_OPEN,
-          kInit, "Failed to Initialize WzScanDB : " + Engine(TBL_ALREADY_OPEN)),
+      Line(0, kInit,
+           "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- "
+           "fixedRecordSize : 181\n"),
+      Err("second initialize", DO(e.open(), e.open()), kInt, TBL_ALREADY_OPEN, kInit,
+          "Failed to Initialize WzScanDB : " + Engine(TBL_ALREADY_OPEN)),
       Line(4, kInit, "Internal Initalize Completed"),
-      Line(4, kInit, "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- "
-                     "Length : 255"),
-      Err("bad field", [](Env& e) { return e.openFaulty(FaultyRecord::kBadField); }, kInt,
-          TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Fields : " + Engine(TBL_BAD_SCHEMA)),
+      Line(4, kInit,
+           "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- "
+           "Length : 255"),
+      Err("bad field", DO(e.openFaulty(kBadField)), kInt, TBL_BAD_SCHEMA, kInit,
+          "Failed to Configure WzScanDB Fields : " + Engine(TBL_BAD_SCHEMA)),
       Line(4, kInit, "Field Configuration Completed"),
-      Line(4, kInit, "Getting Index Information -- Name parent_guid_and_sname -- Key Information "
-                     ": Length : 72 - Type : 12 - Duplication : 1 - NullKey : 0 - Empchr : 0 - "
-                     "NumSeg : 2 - Segment Num : 1"),
-      Err("bad index", [](Env& e) { return e.openFaulty(FaultyRecord::kBadIndex); }, kInt,
-          TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Indices : " + Engine(TBL_BAD_SCHEMA)),
+      Line(4, kInit,
+           "Getting Index Information -- Name parent_guid_and_sname -- Key Information "
+           ": Length : 72 - Type : 12 - Duplication : 1 - NullKey : 0 - Empchr : 0 - "
+           "NumSeg : 2 - Segment Num : 1"),
+      Err("bad index", DO(e.openFaulty(kBadIndex)), kInt, TBL_BAD_SCHEMA, kInit,
+          "Failed to Configure WzScanDB Indices : " + Engine(TBL_BAD_SCHEMA)),
       Line(4, kInit, "Index Configuration Completed"),
-      Line(4, kInit, "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case "
-                     "Sensitive : 1\n"),
-      Err("bad segment", [](Env& e) { return e.openFaulty(FaultyRecord::kBadSegment); }, kInt,
-          TBL_BAD_SCHEMA, kInit, "Failed to Configure WzScanDB Segments : " + Engine(TBL_BAD_SCHEMA)),
+      Line(4, kInit,
+           "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case "
+           "Sensitive : 1\n"),
+      Err("bad segment", DO(e.openFaulty(kBadSegment)), kInt, TBL_BAD_SCHEMA, kInit,
+          "Failed to Configure WzScanDB Segments : " + Engine(TBL_BAD_SCHEMA)),
       Line(4, kInit, "Segment Configuration Completed"),
-      Err("incomplete schema", [](Env& e) { return e.openFaulty(FaultyRecord::kBadKeyLength); },
-          kInt, TBL_BAD_SCHEMA, kInit,
+      Err("incomplete schema", DO(e.openFaulty(kBadKeyLength)), kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Complete Initialization of WzScanDB : " + Engine(TBL_BAD_SCHEMA)),
       Line(4, kInit, "Initialize Complete Configuration Completed\n"),
       Line(0, kInit, "The CTree Database WzScanDB is  created with Huge File Support "),
-      Err("other type's files", [](Env& e) { return e.open(), e.reopenAs(BackupTime(0, 0)); },
-          kInt, TBL_SCHEMA_MISMATCH, kInit,
+      Err("other type's files", DO(e.open(), e.reopenAs(BackupTime(0, 0))), kInt,
+          TBL_SCHEMA_MISMATCH, kInit,
           "Failed to Open an Existing WzScanDB : " + Engine(TBL_SCHEMA_MISMATCH)),
-      Err("index file without data file", [](Env& e) { return e.touch("WzScanDB.idx"), e.open(); },
-          kInt, TBL_FILE_EXISTS, kInit, "Failed to Create WzScanDB : " + Engine(TBL_FILE_EXISTS)),
+      Err("index file without data file", DO(e.touch("WzScanDB.idx"), e.open()), kInt,
+          TBL_FILE_EXISTS, kInit, "Failed to Create WzScanDB : " + Engine(TBL_FILE_EXISTS)),
       Line(0, kInit, "Created a New WzScan Database at : {dir}/WzScanDB"),
-      Log("opened", [](Env& e) { return e.open(), e.reopenAs(AB()); }, 0, kInit,
+      Log("opened", DO(e.open(), e.reopenAs(AB())), 0, kInit,
           "Opened an Existing WzScanDB Database at : {dir}/WzScanDB"),
       // close
       Line(0, kClose, "The WzScanDB is closed"),
-      Log("close unopened", [](Env& e) { return e.db->close(); }, 0, kClose,
+      Log("close unopened", DO(e.db->close()), 0, kClose,
           "The WzScanDB is not initialized for it to close"),
       // lookup
-      Err("check before initialize", [](Env& e) { return e.check(AB()); }, kErrNo, 22, kCheck,
+      Err("check before initialize", DO(e.check(AB())), kErrNo, 22, kCheck,
           "Initialize the Database to Proceed"),
-      Err("check null output",
-          [](Env& e) {
-            bool found = false;
-            return e.opened().checkDBRecord(AB(), nullptr, found);
-          },
-          kErrNo, 22, kCheck, "Output Record pointer is NULL"),
-      Err("bad key segment",
-          [](Env& e) { return e.open(), e.check(Faulty(FaultyRecord::kBadKeySegment)); }, kInt,
-          TBL_BAD_ARGUMENT, kPrepare, "fillKeySegment Failed : " + Engine(TBL_BAD_ARGUMENT)),
-      Err("bad key segment, pushed",
-          [](Env& e) { return e.open(), e.check(Faulty(FaultyRecord::kBadKeySegment)); }, kInt,
+      Err("check null output", DO(e.open(), e.check(AB(), nullptr)), kErrNo, 22, kCheck,
+          "Output Record pointer is NULL"),
+      Err("bad key segment", DO(e.open(), e.check(Faulty(kBadKeySegment))), kInt, TBL_BAD_ARGUMENT,
+          kPrepare, "fillKeySegment Failed : " + Engine(TBL_BAD_ARGUMENT)),
+      Err("bad key segment, pushed", DO(e.open(), e.check(Faulty(kBadKeySegment))), kInt,
           TBL_BAD_ARGUMENT, kCheck, "Cannot prepare Key", true),
-      Err("bad key finish",
-          [](Env& e) { return e.open(), e.check(Faulty(FaultyRecord::kBadFinish)); }, kInt,
-          TBL_BAD_ARGUMENT, kPrepare, "finishKey Failed : " + Engine(TBL_BAD_ARGUMENT)),
-      Err("read failure", [](Env& e) { return e.suspended(), e.check(AB()); }, kInt,
-          TBL_INDEX_SUSPENDED, kCheck,
+      Err("bad key finish", DO(e.open(), e.check(Faulty(kBadFinish))), kInt, TBL_BAD_ARGUMENT,
+          kPrepare, "finishKey Failed : " + Engine(TBL_BAD_ARGUMENT)),
+      Err("read failure", DO(e.suspended(), e.check(AB())), kInt, TBL_INDEX_SUSPENDED, kCheck,
           "getRecord() for index 0 Failed: " + Engine(TBL_INDEX_SUSPENDED)),
       // record store
-      Err("add before initialize", [](Env& e) { return e.db->addDBRecord(AB()); }, kErrNo, 22,
-          kAdd, "Initialize the Database to Proceed"),
-      Err("add, lookup fails", [](Env& e) { return e.suspended().addDBRecord(AB()); }, kInt,
-          TBL_INDEX_SUSPENDED, kAdd, "checkDBRecord(" + ab + ") Failed", true),
-      Log("add existing", [](Env& e) { return e.twice(AB()); }, 7, kAdd,
+      Err("add before initialize", DO(e.db->addDBRecord(AB())), kErrNo, 22, kAdd,
+          "Initialize the Database to Proceed"),
+      Err("add, lookup fails", DO(e.suspended().addDBRecord(AB())), kInt, TBL_INDEX_SUSPENDED, kAdd,
+          "checkDBRecord(" + ab + ") Failed", true),
+      Log("add existing", DO(e.twice(AB())), 7, kAdd,
           "The Record : " + ab + " is already present in the Database, so updating the record..."),
-      Err("add existing, update fails",
-          [](Env& e) { return e.twice(Faulty(FaultyRecord::kEqualOnce)); }, kErrNo, 22, kAdd,
+      Err("add existing, update fails", DO(e.twice(Faulty(kEqualOnce))), kErrNo, 22, kAdd,
           "updateDBRecord(" + ab + ") Failed", true),
-      Log("add root", [](Env& e) { return e.opened().addDBRecord(Generic("/")); }, 7, kAdd,
+      Log("add root", DO(e.opened().addDBRecord(Generic("/"))), 7, kAdd,
           "Setting the root record as " + root),
-      Err("add, engine refuses", [](Env& e) { return e.twice(Faulty(FaultyRecord::kNeverEqual)); },
-          kInt, TBL_DUPLICATE_KEY, kAdd,
+      Err("add, engine refuses", DO(e.twice(Faulty(kNeverEqual))), kInt, TBL_DUPLICATE_KEY, kAdd,
           "addRecord(" + ab + ") Failed due to " + Engine(TBL_DUPLICATE_KEY)),
-      Log("inserted", [](Env& e) { return e.opened().addDBRecord(AB()); }, 7, kAdd,
+      Log("inserted", DO(e.opened().addDBRecord(AB())), 7, kAdd,
           "Inserted Record : " + ab + " Successfully"),
-      Err("update before initialize", [](Env& e) { return e.db->updateDBRecord(AB()); }, kErrNo,
-          22, kUpdate, "Initialize the Database to Proceed"),
-      Err("update absent", [](Env& e) { return e.opened().updateDBRecord(AB()); }, kErrNo, 22,
-          kUpdate,
+      Err("update before initialize", DO(e.db->updateDBRecord(AB())), kErrNo, 22, kUpdate,
+          "Initialize the Database to Proceed"),
+      Err("update absent", DO(e.opened().updateDBRecord(AB())), kErrNo, 22, kUpdate,
           "updateDBRecord(" + ab + ") Failed since the Record is not present in the database"),
-      Err("update, lookup fails", [](Env& e) { return e.suspended().updateDBRecord(AB()); }, kInt,
-          TBL_INDEX_SUSPENDED, kUpdate, "checkDBRecord(" + ab + ") Failed", true),
-      Err("delete before initialize", [](Env& e) { return e.db->deleteDBRecord(AB()); }, kErrNo,
-          22, kDelete, "Initialize the Database to Proceed"),
-      Err("delete, lookup fails", [](Env& e) { return e.suspended().deleteDBRecord(AB()); }, kInt,
-          TBL_INDEX_SUSPENDED, kDelete, "CheckDBRecord(" + ab + ") Failed", true),
-      Log("delete absent", [](Env& e) { return e.opened().deleteDBRecord(AB()); }, 7, kDelete,
+      Err("update, lookup fails", DO(e.suspended().updateDBRecord(AB())), kInt, TBL_INDEX_SUSPENDED,
+          kUpdate, "checkDBRecord(" + ab + ") Failed", true),
+      Err("delete before initialize", DO(e.db->deleteDBRecord(AB())), kErrNo, 22, kDelete,
+          "Initialize the Database to Proceed"),
+      Err("delete, lookup fails", DO(e.suspended().deleteDBRecord(AB())), kInt, TBL_INDEX_SUSPENDED,
+          kDelete, "CheckDBRecord(" + ab + ") Failed", true),
+      Log("delete absent", DO(e.opened().deleteDBRecord(AB())), 7, kDelete,
           "The record : " + ab + " is not present in the database to delete"),
-      Log("deleted",
-          [](Env& e) { return e.opened().addDBRecord(AB()), e.db->deleteDBRecord(AB()); }, 7,
-          kDelete, "Deleted Record : " + ab + " Successfully"),
-      Err("add without check, null", [](Env& e) { return e.db->addRecordWithoutCheck(nullptr); },
-          kErrNo, 22, kAddNoCheck, "The given record to add is NULL"),
+      Log("deleted", DO(e.opened().addDBRecord(AB()), e.db->deleteDBRecord(AB())), 7, kDelete,
+          "Deleted Record : " + ab + " Successfully"),
+      Err("add without check, null", DO(e.db->addRecordWithoutCheck(nullptr)), kErrNo, 22,
+          kAddNoCheck, "The given record to add is NULL"),
       Err("add without check, duplicate",
-          [](Env& e) {
-            e.opened().addRecordWithoutCheck(AB());
-            return e.db->addRecordWithoutCheck(AB());
-          },
-          kInt, TBL_DUPLICATE_KEY, kAddNoCheck,
+          DO(e.opened().addRecordWithoutCheck(AB()), e.db->addRecordWithoutCheck(AB())), kInt,
+          TBL_DUPLICATE_KEY, kAddNoCheck,
           "addRecord(" + ab + ") Failed due to " + Engine(TBL_DUPLICATE_KEY)),
-      Log("added without check", [](Env& e) { return e.opened().addRecordWithoutCheck(AB()); }, 6,
-          kAddNoCheck, "Record Added : " + ab),
-      Log("root added without check",
-          [](Env& e) { return e.opened().addRecordWithoutCheck(Generic("/")); }, 7, kAddNoCheck,
-          "Setting the root record as " + root),
-      Log("reference time", [](Env& e) { return e.db->setRefTime(~0ULL), CKoError(); }, 0,
-          kSetRefTime, "The Reference Time for the Database is set to 18446744073709551615"),
+      Log("added without check", DO(e.opened().addRecordWithoutCheck(AB())), 6, kAddNoCheck,
+          "Record Added : " + ab),
+      Log("root added without check", DO(e.opened().addRecordWithoutCheck(Generic("/"))), 7,
+          kAddNoCheck, "Setting the root record as " + root),
+      Log("reference time", DO(e.db->setRefTime(~0ULL), CKoError()), 0, kSetRefTime,
+          "The Reference Time for the Database is set to 18446744073709551615"),
       // database files
-      Log("removed", [](Env& e) { return e.closed(), WzScanDB::remove(e.dir.path()); }, 0,
-          kRemove, "Removing WzScanDB in {dir} : completed successfully"),
-      Err("remove, no data file", [](Env& e) { return WzScanDB::remove(e.dir.path()); }, kErrNo,
-          ENOENT, kRemove, "Couldn't remove WzScanDB.dat in {dir}", true),
-      Err("remove, no index file",
-          [](Env& e) { return e.touch("WzScanDB.dat"), WzScanDB::remove(e.dir.path()); }, kErrNo,
-          ENOENT, kRemove, "Couldn't remove WzScanDB.idx in {dir}", true),
-      Log("moved", [](Env& e) { return e.closed(), WzScanDB::move(e.dir.path(), e.to()); }, 0,
-          kMove, "Moving WzScanDB from {dir} to {to} completed successfully"),
-      Err("move fails", [](Env& e) { return WzScanDB::move(e.dir.path(), e.to()); }, kErrNo,
-          ENOENT, kMove, "Couldn't move WzScanDB from {dir} to {to}", true),
-      Log("copied", [](Env& e) { return e.closed(), WzScanDB::copy(e.dir.path(), e.to()); }, 0,
-          kCopy, "Copying WzScanDB from {dir} to {to} completed successfully"),
-      Err("copy fails", [](Env& e) { return WzScanDB::copy(e.dir.path(), e.to()); }, kErrNo,
-          ENOENT, kCopy, "Couldn't copy WzScanDB from {dir} to {to}", true),
-      Log("suspended", [](Env& e) { return e.opened().suspendIndex(); }, 0, kSuspend,
+      Log("removed", DO(e.closed(), WzScanDB::remove(e.dir.path())), 0, kRemove,
+          "Removing WzScanDB in {dir} : completed successfully"),
+      Err("remove, no data file", DO(WzScanDB::remove(e.dir.path())), kErrNo, ENOENT, kRemove,
+          "Couldn't remove WzScanDB.dat in {dir}", true),
+      Err("remove, no index file", DO(e.touch("WzScanDB.dat"), WzScanDB::remove(e.dir.path())),
+          kErrNo, ENOENT, kRemove, "Couldn't remove WzScanDB.idx in {dir}", true),
+      Log("moved", DO(e.closed(), WzScanDB::move(e.dir.path(), e.to())), 0, kMove,
+          "Moving WzScanDB from {dir} to {to} completed successfully"),
+      Err("move fails", DO(WzScanDB::move(e.dir.path(), e.to())), kErrNo, ENOENT, kMove,
+          "Couldn't move WzScanDB from {dir} to {to}", true),
+      Log("copied", DO(e.closed(), WzScanDB::copy(e.dir.path(), e.to())), 0, kCopy,
+          "Copying WzScanDB from {dir} to {to} completed successfully"),
+      Err("copy fails", DO(WzScanDB::copy(e.dir.path(), e.to())), kErrNo, ENOENT, kCopy,
+          "Couldn't copy WzScanDB from {dir} to {to}", true),
+      Log("suspended", DO(e.opened().suspendIndex()), 0, kSuspend,
           "The Indexing for this WzScanDB is suspended"),
-      Err("suspend fails", [](Env& e) { return e.db->suspendIndex(); }, kWin32, 774, kSuspend,
+      Err("suspend fails", DO(e.db->suspendIndex()), kWin32, 774, kSuspend,
           "The Indexing Suspend operation failed."),
       Log("rebuilding", Rebuild, 0, kRebuild,
           "Indexing is resumed and going to be rebuilt. This is an expensive operation. Will "
           "take considerable amount of time."),
       Log("rebuilt", Rebuild, 0, kRebuild, "The Index has been rebuilt."),
-      Err("rebuild fails", [](Env& e) { return e.db->rebuildIndex(); }, kWin32, 774, kRebuild,
+      Err("rebuild fails", DO(e.db->rebuildIndex()), kWin32, 774, kRebuild,
           "Rebuild Index Failed due to " + Engine(TBL_NOT_OPEN)),
       // counters and the statistics thread
-      Line(0, kCounterCtor, "The Logging Interval of the WzScanDBPerformanceCounters : 600 seconds"),
+      Line(0, kCounterCtor,
+           "The Logging Interval of the WzScanDBPerformanceCounters : 600 seconds"),
       Line(0, kCounterAll,
            "--------------------- WzScanDB Performance Counters -------------------------------"),
       Line(0, kCounterAll, std::string(83, '-')),
