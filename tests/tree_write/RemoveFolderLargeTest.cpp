@@ -1,21 +1,17 @@
 // removeFolder of a sub-tree of more than 100 000 entries: exactly that
 // sub-tree goes, and the records held in memory at any time stay within one
-// batch (the batch bound, 10000, plus the children of the folder that crossed
-// it). The buffer sizes are read from removeFolder's own level-6
+// batch (the bound, 10000, plus the children of the folder that crossed it).
+// The buffer sizes are read from removeFolder's own level-6
 // "Filled the Buffer with %lu Items" lines.
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "runtime/LogCapture.h"
 #include "tree_write/TreeWriteFixture.h"
 
 namespace {
 
-constexpr int kFolders = 100;
-constexpr int kFilesPerFolder = 1000;
+constexpr int kFolders = 100, kFilesPerFolder = 1000;
 constexpr size_t kSubTreeSize = kFolders + size_t(kFolders) * kFilesPerFolder;  // below /big
 constexpr size_t kBatchBound = 10000 + kFilesPerFolder;
 
@@ -37,23 +33,18 @@ TYPED_TEST(RemoveFolderLargeTest, RemovesExactlyTheSubTreeInBoundedBatches) {
   }
   // Neighbours that must survive: a sibling whose name shares the prefix,
   // and a folder with its own children.
-  this->AddFolder("/big2");
-  this->AddFile("/big2/keep-a");
-  this->AddFolder("/keep");
-  this->AddFolder("/keep/inner");
-  this->AddFile("/keep/inner/keep-b");
-  this->AddFile("/keep-c");
-  const size_t kept = 7;  // root, /big2, /big2/keep-a, /keep, /keep/inner, .../keep-b, /keep-c
-  ASSERT_EQ(kept + 1 + kSubTreeSize, this->CountRecords());
+  const char* keptFolders[] = {"/big2", "/keep", "/keep/inner"};
+  const char* keptFiles[] = {"/big2/keep-a", "/keep/inner/keep-b", "/keep-c"};
+  for (const char* path : keptFolders) this->AddFolder(path);
+  for (const char* path : keptFiles) this->AddFile(path);
+  ASSERT_EQ(7 + 1 + kSubTreeSize, this->CountRecords());
 
-  ScopedLogLevel level(6);
-  auto capture = CLogCapture::Install();
+  LogAt log(6);
   CKoError err = this->db_->removeFolder(big);
   ASSERT_TRUE(err.IsSuccess()) << err.AsString();
 
-  size_t total = 0, largest = 0, batches = 0;
-  size_t last = 1;
-  for (const CLogEntry& entry : capture->FindContaining("Filled the Buffer with ")) {
+  size_t total = 0, largest = 0, batches = 0, last = 1;
+  for (const CLogEntry& entry : log->FindContaining("Filled the Buffer with ")) {
     unsigned long items = 0;
     ASSERT_EQ(1, std::sscanf(entry.message.c_str(), "Filled the Buffer with %lu Items", &items));
     total += items;
@@ -66,18 +57,12 @@ TYPED_TEST(RemoveFolderLargeTest, RemovesExactlyTheSubTreeInBoundedBatches) {
   EXPECT_GT(largest, 10000u);  // batches really are full ones, not one record at a time
   EXPECT_GE(batches, kSubTreeSize / kBatchBound + 1);
   EXPECT_EQ(0u, last);  // the folder goes only after an empty batch
-  EXPECT_EQ(1u, capture->FindContaining("Folder Record and its descendants Deleted : ").size());
+  EXPECT_EQ(1u, log->FindContaining("Folder Record and its descendants Deleted : ").size());
 
-  // Exactly the kept records are left.
-  EXPECT_EQ(kept, this->CountRecords());
+  EXPECT_EQ(7u, this->CountRecords());
   EXPECT_TRUE(this->Stored(this->root_));
-  EXPECT_TRUE(this->IsStored("/big2", true));
-  EXPECT_TRUE(this->IsStored("/big2/keep-a", false));
-  EXPECT_TRUE(this->IsStored("/keep", true));
-  EXPECT_TRUE(this->IsStored("/keep/inner", true));
-  EXPECT_TRUE(this->IsStored("/keep/inner/keep-b", false));
-  EXPECT_TRUE(this->IsStored("/keep-c", false));
-  EXPECT_FALSE(this->Stored(big));
+  for (const char* path : keptFolders) EXPECT_TRUE(this->IsStored(path, true)) << path;
+  for (const char* path : keptFiles) EXPECT_TRUE(this->IsStored(path, false)) << path;
 }
 
 }  // namespace

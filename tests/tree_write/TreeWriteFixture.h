@@ -1,8 +1,6 @@
-// Test fixture for the tree-changing operations of WzScanDB, typed over the
-// record type. A tree type (GenericTree, LustreTree) knows how to make the
-// prototype, the root and a record for a path; the fixture opens a fresh
-// database in a temporary directory with the root stored, and offers helpers
-// to add entries, look them up and read the whole table.
+// Fixture of the tree-changing suites, typed over the record type: a fresh
+// database in a temporary directory with the root stored, records made from
+// paths, and helpers that look records up and scan the table.
 //
 // Lustre FIDs come from a test resolver installed for the life of the
 // fixture: every path gets its own FID the first time it is asked for, the
@@ -11,9 +9,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -22,19 +21,16 @@
 #include "WzScanDB/records/WzScanDBLustreRecord.h"
 #include "WzScanDB/records/WzScanDBRecord.h"
 #include "lustre/GetFIDFromPath.h"
+#include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
 #include "support/TempDir.h"
 
 struct GenericTree {
   static constexpr const char* kName = "Generic";
-  // Offset of stat_data in the record image, and whether a rename carries it.
-  static constexpr size_t kStatOffset = 32;
-  static constexpr bool kCarriesStatus = true;
-  // Keys are the MD5 of the path text as given (a trailing '/' changes them).
-  static constexpr bool kKeyedOnPath = true;
-
+  static constexpr size_t kStatOffset = 32;     // stat_data in the record image
+  static constexpr bool kCarriesStatus = true;  // renames keep the stored stat_data
+  static constexpr bool kKeyedOnPath = true;    // MD5 of the path text, a trailing '/' included
   static void Install() {}
-  static void Uninstall() {}
   static WzScanDBRecordBasePtr Prototype() { return boost::make_shared<WzScanDBRecord>(); }
   static WzScanDBRecordBasePtr Root(WzScanDB& db) { return db.getRoot()->Clone(); }
   static WzScanDBRecordBasePtr FromPath(const std::string& path, bool isDir) {
@@ -49,25 +45,18 @@ struct LustreTree {
   static constexpr bool kKeyedOnPath = false;
   static constexpr uint64_t kSequence = 0x200000400ULL;
 
-  static std::map<std::string, uint32_t>& Ids() {
-    static std::map<std::string, uint32_t> ids;
-    return ids;
-  }
   static void Install() {
-    Ids().clear();
-    Ids()["/"] = 1;
-    LustreAPI::SetFIDResolver([](const std::string& path, LustreAPI::lu_fid& fid) {
+    auto ids = std::make_shared<std::map<std::string, uint32_t>>();
+    (*ids)["/"] = 1;
+    LustreAPI::SetFIDResolver([ids](const std::string& path, LustreAPI::lu_fid& fid) {
       if (path.empty()) return -ENOENT;
       std::string entry = path;
       while (entry.size() > 1 && entry.back() == '/') entry.pop_back();
-      auto& ids = Ids();
-      auto it = ids.find(entry);
-      if (it == ids.end()) it = ids.emplace(entry, static_cast<uint32_t>(ids.size() + 1)).first;
+      auto it = ids->emplace(entry, static_cast<uint32_t>(ids->size() + 1)).first;
       fid = LustreAPI::lu_fid{kSequence, it->second, 0};
       return 0;
     });
   }
-  static void Uninstall() { LustreAPI::ResetFIDResolver(); }
   static WzScanDBRecordBasePtr Prototype() { return boost::make_shared<WzScanDBLustreRecord>(); }
   // The mount's root: its own FID, no parent FID.
   static WzScanDBRecordBasePtr Root(WzScanDB&) {
@@ -80,17 +69,29 @@ struct LustreTree {
   }
 };
 
-// Sets the log level for one scope.
-class ScopedLogLevel {
+// Sets the log level and captures what is written, for one scope.
+class LogAt {
  public:
-  explicit ScopedLogLevel(int level) : saved_(g_ptrLogWriter->GetLevel()) {
+  explicit LogAt(int level) : saved_(g_ptrLogWriter->GetLevel()) {
     g_ptrLogWriter->SetLevel(level);
   }
-  ~ScopedLogLevel() { g_ptrLogWriter->SetLevel(saved_); }
+  ~LogAt() { g_ptrLogWriter->SetLevel(saved_); }
+  CLogCapture* operator->() const { return capture_.get(); }
 
  private:
   int saved_;
+  std::shared_ptr<CLogCapture> capture_ = CLogCapture::Install();
 };
+
+inline void ExpectError(const CKoError& err, EKoErrorKind kind, int code, const std::string& top,
+                        int line) {
+  ASSERT_TRUE(err.IsError()) << top;
+  EXPECT_EQ(kind, err.GetKind()) << top;
+  EXPECT_EQ(code, err.GetCode()) << top;
+  EXPECT_EQ(top, err.GetTopMessage());
+  EXPECT_STREQ("WzScanDB/WzScanDB", err.GetFrames().back().location.file);
+  EXPECT_EQ(line, err.GetFrames().back().location.line) << top;
+}
 
 template <class Tree>
 class TreeWriteTest : public ::testing::Test {
@@ -107,27 +108,23 @@ class TreeWriteTest : public ::testing::Test {
   }
   void TearDown() override {
     db_->close();
-    Tree::Uninstall();
+    LustreAPI::ResetFIDResolver();
   }
 
-  static std::string Join(const std::string& folder, const std::string& name) {
-    return folder == "/" ? "/" + name : folder + "/" + name;
-  }
   WzScanDBRecordBasePtr Make(const std::string& path, bool isDir) {
     return Tree::FromPath(path, isDir);
   }
-  WzScanDBRecordBasePtr AddFolder(const std::string& path) {
-    WzScanDBRecordBasePtr record = Make(path, true);
-    CKoError err = db_->addFolder(record);
+  // Adds a record through addFolder/addFile, with a given stat size and flags.
+  WzScanDBRecordBasePtr Add(const std::string& path, bool isDir, uint64_t size = 0, int flags = 0) {
+    WzScanDBRecordBasePtr record = Make(path, isDir);
+    SetStatSize(record, size);
+    record->setFlags(flags);
+    CKoError err = isDir ? db_->addFolder(record) : db_->addFile(record);
     EXPECT_TRUE(err.IsSuccess()) << err.AsString();
     return record;
   }
-  WzScanDBRecordBasePtr AddFile(const std::string& path) {
-    WzScanDBRecordBasePtr record = Make(path, false);
-    CKoError err = db_->addFile(record);
-    EXPECT_TRUE(err.IsSuccess()) << err.AsString();
-    return record;
-  }
+  WzScanDBRecordBasePtr AddFolder(const std::string& path) { return Add(path, true); }
+  WzScanDBRecordBasePtr AddFile(const std::string& path) { return Add(path, false); }
 
   // The stored version of `record` (looked up by its own key), or null.
   WzScanDBRecordBasePtr Stored(const WzScanDBRecordBasePtr& record) {
@@ -139,37 +136,26 @@ class TreeWriteTest : public ::testing::Test {
   }
   bool IsStored(const std::string& path, bool isDir) { return !!Stored(Make(path, isDir)); }
 
-  // Every record of the table, read in the engine's own order.
-  std::vector<WzScanDBRecordBasePtr> AllRecords() {
-    std::vector<WzScanDBRecordBasePtr> all;
-    WzScanDBRecordBasePtr probe = Tree::Prototype();
-    int status = db_->firstRecord(-1, probe->getStructure());
-    while (status == 0) {
-      all.push_back(probe);
-      WzScanDBRecordBasePtr next = Tree::Prototype();
-      status = db_->nextRecord(-1, next->getStructure());
-      probe = next;
-    }
-    return all;
-  }
-  size_t CountRecords() {
+  // Calls `each` on every record of the table, in the engine's order, and
+  // returns how many there are.
+  size_t ScanTable(const std::function<void(const WzScanDBRecordBasePtr&)>& each = nullptr) {
     size_t count = 0;
     WzScanDBRecordBasePtr probe = Tree::Prototype();
     for (int status = db_->firstRecord(-1, probe->getStructure()); status == 0;
-         status = db_->nextRecord(-1, probe->getStructure()))
-      ++count;
+         status = db_->nextRecord(-1, probe->getStructure()), ++count) {
+      if (each) each(probe);
+    }
     return count;
   }
+  size_t CountRecords() { return ScanTable(); }
 
   static uint64_t StatSize(const WzScanDBRecordBasePtr& record) {
     uint64_t size = 0;
-    std::memcpy(&size, static_cast<char*>(record->getStructure()) + Tree::kStatOffset + 48,
-                sizeof size);
+    std::memcpy(&size, static_cast<char*>(record->getStructure()) + Tree::kStatOffset + 48, 8);
     return size;
   }
   static void SetStatSize(const WzScanDBRecordBasePtr& record, uint64_t size) {
-    std::memcpy(static_cast<char*>(record->getStructure()) + Tree::kStatOffset + 48, &size,
-                sizeof size);
+    std::memcpy(static_cast<char*>(record->getStructure()) + Tree::kStatOffset + 48, &size, 8);
   }
 
   TempDir dir_;
@@ -183,5 +169,4 @@ struct TreeTypeNames {
     return Tree::kName;
   }
 };
-
 using TreeTypes = ::testing::Types<GenericTree, LustreTree>;
