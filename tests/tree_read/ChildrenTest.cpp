@@ -1,6 +1,5 @@
 // getChildren: direct children of a folder from the parent-and-name index.
 
-#include <algorithm>
 #include <cstring>
 #include <set>
 #include <string>
@@ -8,7 +7,6 @@
 
 #include "TreeReadFixture.h"
 #include "WzScanDB/records/BackupTimeRecord.h"
-#include "runtime/LogCapture.h"
 
 namespace {
 
@@ -17,7 +15,8 @@ class ChildrenTest : public TreeReadTest<RecordType> {};
 TYPED_TEST_SUITE(ChildrenTest, TreeRecordTypes);
 
 // Every folder of a random tree lists exactly its own children, in index
-// order, and nothing of the folders stored next to it; a file lists nothing.
+// order, each its own object; an empty folder and a file list nothing, and
+// the list is cleared first.
 TYPED_TEST(ChildrenTest, EveryFolderListsExactlyItsChildrenInKeyOrder) {
   TreeModel& model = this->tree.model();
   const int top = model.addFolder(0, "top");
@@ -36,23 +35,19 @@ TYPED_TEST(ChildrenTest, EveryFolderListsExactlyItsChildrenInKeyOrder) {
     ASSERT_EQ(this->tree.nodesOf(children), model.childrenInKeyOrder(id)) << "folder " << id;
   }
   EXPECT_GT(folders, 100);
-
-  // Each child is its own object, carrying the stored image.
   ASSERT_FALSE(this->db->getChildren(this->tree.record(0), children).IsError());
   ASSERT_EQ(3u, children.size());
   EXPECT_NE(children[0].get(), children[1].get());
-  EXPECT_TRUE(children[0]->isDir());      // "empty"
+  EXPECT_TRUE(children[0]->isDir());  // "empty"
   EXPECT_EQ("file", children[1]->getName());
   EXPECT_FALSE(children[1]->isDir());
 
-  children.push_back(this->tree.record(top));  // the list is cleared first
-  ASSERT_FALSE(this->db->getChildren(this->tree.record(emptyFolder), children).IsError());
-  EXPECT_TRUE(children.empty());
-
-  children.push_back(this->tree.record(top));
-  CKoError err = this->db->getChildren(this->tree.record(file), children);
-  EXPECT_FALSE(err.IsError()) << err.AsString();
-  EXPECT_TRUE(children.empty());
+  for (int id : {emptyFolder, file}) {
+    children.push_back(this->tree.record(top));
+    CKoError err = this->db->getChildren(this->tree.record(id), children);
+    EXPECT_FALSE(err.IsError()) << err.AsString();
+    EXPECT_TRUE(children.empty());
+  }
 }
 
 // Names that agree on the 56 bytes the index keys on get equal keys under
@@ -62,32 +57,29 @@ TYPED_TEST(ChildrenTest, NamesSharingTheirKeyPrefixAreAllListed) {
   TreeModel& model = this->tree.model();
   const std::string shared(56, 'n');
   const int folder = model.addFolder(0, "folder");
-  model.addFile(folder, shared);
-  model.addFile(folder, shared + "b");
-  model.addFile(folder, shared + "a");
+  for (const std::string& name : {shared, shared + "b", shared + "a", shared.substr(0, 55),
+                                  std::string("m")})
+    model.addFile(folder, name);
   model.addFolder(folder, shared + std::string(150, 'z'));
-  model.addFile(folder, shared.substr(0, 55));
-  model.addFile(folder, "m");
-  const int next = model.addFolder(0, "next");
-  model.addFile(next, shared + "a");  // same name in the folder stored after it
+  model.addFile(model.addFolder(0, "next"), shared + "a");  // the folder stored after it
   this->Store();
 
   std::vector<WzScanDBRecordBasePtr> children;
   CKoError err = this->db->getChildren(this->tree.record(folder), children);
   ASSERT_FALSE(err.IsError()) << err.AsString();
-
   std::vector<std::string> names;
-  for (const auto& child : children) names.push_back(child->getName());
+  for (const auto& child : children) {
+    names.push_back(child->getName());
+    EXPECT_TRUE(child->checkParent(this->tree.record(folder)));
+  }
   ASSERT_EQ(6u, names.size());
   // Shorter key first: "m", then the 55-byte prefix, then the four names whose
   // keys are equal, in an order the engine chooses.
   EXPECT_EQ("m", names[0]);
   EXPECT_EQ(shared.substr(0, 55), names[1]);
-  std::set<std::string> tied(names.begin() + 2, names.end());
   EXPECT_EQ((std::set<std::string>{shared, shared + "a", shared + "b",
                                    shared + std::string(150, 'z')}),
-            tied);
-  for (const auto& child : children) EXPECT_TRUE(child->checkParent(this->tree.record(folder)));
+            std::set<std::string>(names.begin() + 2, names.end()));
 }
 
 // A database class derived from WzScanDB may override the engine reads, so
@@ -120,10 +112,10 @@ TYPED_TEST(ChildrenTest, DerivedClassesReadThroughTheirOverridesAndListTheSame) 
   ASSERT_FALSE(derived.initialize(otherDir.path()).IsError());
   for (int id = 0; id < model.size(); ++id)
     ASSERT_FALSE(derived.addRecordWithoutCheck(this->tree.record(id)).IsError());
-  auto capture = CLogCapture::Install();
+  LogAt log(0);
 
   std::vector<WzScanDBRecordBasePtr> own, through;
-  size_t reads = 0, folders = 0;
+  int reads = 0, folders = 0;
   for (int id = 0; id < model.size(); ++id) {
     if (!model.node(id).isDir) continue;
     ++folders;
@@ -132,22 +124,21 @@ TYPED_TEST(ChildrenTest, DerivedClassesReadThroughTheirOverridesAndListTheSame) 
     ASSERT_FALSE(derived.getChildren(this->tree.record(id), through).IsError());
     ASSERT_EQ(this->tree.nodesOf(own), this->tree.nodesOf(through)) << "folder " << id;
     ASSERT_EQ(this->tree.nodesOf(own), model.childrenInKeyOrder(id)) << "folder " << id;
-    EXPECT_EQ(size_t(derived.next - nextBefore), through.size());
+    EXPECT_EQ(derived.next - nextBefore, static_cast<int>(through.size()));
     for (size_t i = 0; i < own.size(); ++i)
       EXPECT_EQ(0, memcmp(own[i]->getStructure(), through[i]->getStructure(), 436));
     reads += own.size() + 1;
   }
-  EXPECT_EQ(size_t(derived.gte), folders);
+  EXPECT_EQ(derived.gte, folders);
 
   // The counter blocks written by close: one sample per read on both.
   const std::string expected = " READ_RECORD : samples=" + std::to_string(reads) + " ";
   this->db->close();
   derived.close();
-  auto lines = capture->FindContaining(" READ_RECORD : ");
+  auto lines = log->FindContaining(" READ_RECORD : ");
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(0u, lines[lines.size() - 2].message.find(expected)) << lines[lines.size() - 2].message;
   EXPECT_EQ(0u, lines.back().message.find(expected)) << lines.back().message;
-  capture->Remove();
 }
 
 // A table without a tree: the backup-time record has no parent index and
@@ -158,36 +149,31 @@ TEST(ChildrenOfFlatTable, BackupTimeRecordsHaveNoChildrenKey) {
   WzScanDB db(boost::make_shared<CBackupTimeRecord>());
   ASSERT_FALSE(db.initialize(dir.path()).IsError());
   for (unsigned long long inode = 0; inode < 5; ++inode) {
-    ASSERT_FALSE(db.addDBRecord(boost::make_shared<CBackupTimeRecord>(inode, 100 + inode)).IsError());
+    ASSERT_FALSE(
+        db.addDBRecord(boost::make_shared<CBackupTimeRecord>(inode, 100 + inode)).IsError());
   }
-  const std::string children_signature =
-      "CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr, "
-      "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&)";
-  std::vector<WzScanDBRecordBasePtr> children{boost::make_shared<CBackupTimeRecord>(9, 9)};
-  CKoError err = db.getChildren(boost::make_shared<CBackupTimeRecord>(0, 0), children);
+  const auto start = boost::make_shared<CBackupTimeRecord>(0, 0);
+  std::vector<WzScanDBRecordBasePtr> records{boost::make_shared<CBackupTimeRecord>(9, 9)};
+  CKoError err = db.getChildren(start, records);
   ASSERT_TRUE(err.IsError());
-  EXPECT_TRUE(children.empty());
-  EXPECT_EQ("Cannot create key to get children for the directory Inode : 0 , Ctime : 0",
-            Top(err).message);
-  EXPECT_EQ(children_signature, Top(err).location.function);
-  EXPECT_EQ(1590, Top(err).location.line);
+  EXPECT_TRUE(records.empty());
+  ExpectFrame(Top(err), "Cannot create key to get children for the directory Inode : 0 , Ctime : 0",
+              "CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr, "
+              "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&)",
+              1590);
 
   // The walks name the stored start record (ctime 100) as the folder.
-  const std::string failed = "getChildren(Inode : 0 , Ctime : 100) Failed";
-  std::vector<WzScanDBRecordBasePtr> records;
   std::vector<std::string> paths;
-  err = db.getSubTree(boost::make_shared<CBackupTimeRecord>(0, 0), records, false);
-  ASSERT_TRUE(err.IsError());
-  EXPECT_EQ(failed, Top(err).message);
-  EXPECT_EQ(1129, Top(err).location.line);
-  EXPECT_EQ(1590, err.GetFrames()[err.GetFrames().size() - 2].location.line);
-  err = db.getSubTree(boost::make_shared<CBackupTimeRecord>(0, 0), records, paths, 10, false);
-  ASSERT_TRUE(err.IsError());
-  EXPECT_EQ(failed, Top(err).message);
-  EXPECT_EQ(1458, Top(err).location.line);
-  err = db.getSubTree(boost::make_shared<CBackupTimeRecord>(0, 0), records, 10, false);
-  ASSERT_TRUE(err.IsError());
-  EXPECT_EQ(1514, Top(err).location.line);
+  const int walkLines[] = {1129, 1458, 1514};
+  for (int line : walkLines) {
+    err = line == 1129   ? db.getSubTree(start, records, false)
+          : line == 1458 ? db.getSubTree(start, records, paths, 10, false)
+                         : db.getSubTree(start, records, 10, false);
+    ASSERT_TRUE(err.IsError()) << line;
+    EXPECT_EQ("getChildren(Inode : 0 , Ctime : 100) Failed", Top(err).message);
+    EXPECT_EQ(line, Top(err).location.line);
+    EXPECT_EQ(1590, err.GetFrames()[err.GetFrames().size() - 2].location.line);
+  }
   // The failing folder has left the pending list: the walk is over.
   ASSERT_FALSE(db.getSubTree(WzScanDBRecordBasePtr(), records, 10, true).IsError());
   EXPECT_TRUE(records.empty());

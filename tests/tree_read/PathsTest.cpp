@@ -10,92 +10,69 @@
 
 namespace {
 
-// A root record (no parent) carrying a name, in each record type.
-template <class RecordType>
-WzScanDBRecordBasePtr NamedRoot(const std::string& name);
+constexpr const char* kPathSignature =
+    "CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr, std::string&)";
 
-template <>
-WzScanDBRecordBasePtr NamedRoot<GenericRecords>(const std::string& name) {
-  // getRoot() keeps the name of the record it is called on.
-  WzScanDBRecordBasePtr root = WzScanDBRecord("/any/" + name).getRoot();
+// A root record (no parent) carrying the name "mnt".
+WzScanDBRecordBasePtr NamedRoot(GenericRecords) {
+  WzScanDBRecordBasePtr root = WzScanDBRecord("/any/mnt").getRoot();  // keeps the name
   root->setFlags(kRecordFlagDirectory);
   return root;
 }
-
-template <>
-WzScanDBRecordBasePtr NamedRoot<LustreRecords>(const std::string& name) {
+WzScanDBRecordBasePtr NamedRoot(LustreRecords) {
   return boost::make_shared<WzScanDBLustreRecord>(LustreRecords::FidOf(0),
-                                                  LustreAPI::CLustreFIDPtr(), name, true, 0);
+                                                  LustreAPI::CLustreFIDPtr(), "mnt", true, 0);
 }
-
-constexpr const char* kPathSignature =
-    "CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr, std::string&)";
 
 template <class RecordType>
 class PathsTest : public TreeReadTest<RecordType> {};
 TYPED_TEST_SUITE(PathsTest, TreeRecordTypes);
 
 // Paths are rebuilt from the stored parents up to the root, whose own name
-// leads the path; the root alone needs no lookup at all.
+// leads the path; the root alone needs no lookup at all. A missing parent is
+// an inconsistency (errno 2); a failing lookup is passed on with the parent
+// probe named. Either way the path holds what was built.
 TYPED_TEST(PathsTest, PathFromParentLinks) {
   TreeModel& model = this->tree.model();
   const int dir = model.addFolder(0, "dir");
-  const int file = model.addFile(dir, "file");
+  const int sub = model.addFolder(dir, "sub");
+  const int file = model.addFile(sub, "file");
   const int deepest = model.addChain(dir, 40, "n");
   this->Store();
 
   std::string path = "stale";
   CKoError err = this->db->getPathFromRecord(this->tree.record(file), path);
   ASSERT_FALSE(err.IsError()) << err.AsString();
-  EXPECT_EQ("/dir/file", path);  // the root's name is empty
+  EXPECT_EQ("/dir/sub/file", path);  // the root's name is empty
   ASSERT_FALSE(this->db->getPathFromRecord(this->tree.record(deepest), path).IsError());
   EXPECT_EQ(model.fullPath(deepest), path);
-
-  ASSERT_FALSE(this->db->updateDBRecord(NamedRoot<TypeParam>("mnt")).IsError());
+  ASSERT_FALSE(this->db->updateDBRecord(NamedRoot(TypeParam())).IsError());
   ASSERT_FALSE(this->db->getPathFromRecord(this->tree.record(file), path).IsError());
-  EXPECT_EQ("mnt/dir/file", path);
-  ASSERT_FALSE(this->db->getPathFromRecord(this->tree.record(dir), path).IsError());
-  EXPECT_EQ("mnt/dir", path);
-
-  // An object that was never initialised fails every lookup, so success here
-  // shows that the root is answered without one.
-  WzScanDB fresh(TypeParam::Prototype());
-  err = fresh.getPathFromRecord(NamedRoot<TypeParam>("mnt"), path);
+  EXPECT_EQ("mnt/dir/sub/file", path);
+  ASSERT_FALSE(this->db->getPathFromRecord(this->tree.record(sub), path).IsError());
+  EXPECT_EQ("mnt/dir/sub", path);
+  // An object that was never initialised fails every lookup.
+  WzScanDB uninitialized(TypeParam::Prototype());
+  err = uninitialized.getPathFromRecord(NamedRoot(TypeParam()), path);
   EXPECT_FALSE(err.IsError()) << err.AsString();
   EXPECT_EQ("mnt", path);
-}
 
-// A missing parent is an inconsistency (errno 2); a failing lookup is passed
-// on with the parent probe named. Either way the path holds what was built.
-TYPED_TEST(PathsTest, PathErrors) {
-  TreeModel& model = this->tree.model();
-  const int dir = model.addFolder(0, "dir");
-  const int sub = model.addFolder(dir, "sub");
-  const int file = model.addFile(sub, "file");
-  this->Store();
-
-  ASSERT_FALSE(this->db->deleteDBRecord(this->tree.record(dir)).IsError());
-  std::string path;
-  CKoError err = this->db->getPathFromRecord(this->tree.record(file), path);
-  ASSERT_TRUE(err.IsError());
-  EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());
-  EXPECT_EQ(2, err.GetCode());
-  EXPECT_EQ("The Database is inconsistent. Fix the Database", Top(err).message);
-  EXPECT_STREQ("WzScanDB/WzScanDB", Top(err).location.file);
-  EXPECT_STREQ(kPathSignature, Top(err).location.function);
-  EXPECT_EQ(1638, Top(err).location.line);
-  EXPECT_EQ("sub/file", path);
-
-  WzScanDB uninitialized(TypeParam::Prototype());
   WzScanDBRecordBasePtr record = this->tree.record(file);
   err = uninitialized.getPathFromRecord(record, path);
   ASSERT_TRUE(err.IsError());
   EXPECT_EQ(22, err.GetCode());
-  EXPECT_EQ("Cannot check the parent record " + record->MakeParentObject()->toString() + " in DB",
-            Top(err).message);
-  EXPECT_STREQ(kPathSignature, Top(err).location.function);
-  EXPECT_EQ(1631, Top(err).location.line);
+  ExpectFrame(Top(err),
+              "Cannot check the parent record " + record->MakeParentObject()->toString() + " in DB",
+              kPathSignature, 1631);
   EXPECT_EQ("file", path);
+
+  ASSERT_FALSE(this->db->deleteDBRecord(this->tree.record(dir)).IsError());
+  err = this->db->getPathFromRecord(record, path);
+  ASSERT_TRUE(err.IsError());
+  EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());
+  EXPECT_EQ(2, err.GetCode());
+  ExpectFrame(Top(err), "The Database is inconsistent. Fix the Database", kPathSignature, 1638);
+  EXPECT_EQ("sub/file", path);
 }
 
 // Records at or after a reference time: 0 gives every record, the largest
@@ -103,16 +80,14 @@ TYPED_TEST(PathsTest, PathErrors) {
 // to, and every appended record is its own object.
 TYPED_TEST(PathsTest, UpdatedRecords) {
   TreeModel& model = this->tree.model();
-  std::vector<std::vector<int>> stamped;  // nodes per reference time below
-  const std::vector<unsigned long long> times = {5, 10, 0xFFFFFFFFULL, 0x100000007ULL};
-  for (size_t t = 0; t < times.size(); ++t) {
+  std::vector<std::set<int>> stamped;  // nodes per reference time below
+  const unsigned long long times[] = {5, 10, 0xFFFFFFFFULL, 0x100000007ULL};
+  for (size_t t = 0; t < 4; ++t) {
     const int folder = model.addFolder(0, "t" + std::to_string(t));
-    std::vector<int> ids{folder};
-    for (int id : model.addFlat(folder, 20, "e", 4)) ids.push_back(id);
-    stamped.push_back(ids);
+    stamped.emplace_back(std::set<int>{folder});
+    for (int id : model.addFlat(folder, 20, "e", 4)) stamped.back().insert(id);
     ASSERT_FALSE(this->tree.store(*this->db, times[t]).IsError());
   }
-
   auto nodes = [&](const std::vector<WzScanDBRecordBasePtr>& records, size_t from) {
     std::set<int> ids;
     for (size_t i = from; i < records.size(); ++i) ids.insert(this->tree.nodeOf(records[i]));
@@ -132,8 +107,7 @@ TYPED_TEST(PathsTest, UpdatedRecords) {
   EXPECT_EQ(all, nodes(records, 0));
 
   // 6: the records stamped 10, 0xFFFFFFFF and 0x100000007 (kept as 7).
-  const WzScanDBRecordBasePtr first = this->tree.record(0);
-  const WzScanDBRecordBasePtr second = this->tree.record(1);
+  const WzScanDBRecordBasePtr first = this->tree.record(0), second = this->tree.record(1);
   records = {first, second};
   ASSERT_FALSE(this->db->getUpdatedRecords(&records, 6).IsError());
   ASSERT_GE(records.size(), 2u);
@@ -148,7 +122,6 @@ TYPED_TEST(PathsTest, UpdatedRecords) {
   records.clear();
   ASSERT_FALSE(this->db->getUpdatedRecords(&records, 0xFFFFFFFFULL).IsError());
   EXPECT_EQ(union_of({2}), nodes(records, 0));
-
   records = {first};
   ASSERT_FALSE(this->db->getUpdatedRecords(&records, ULLONG_MAX).IsError());
   ASSERT_EQ(1u, records.size());
@@ -162,7 +135,8 @@ TEST(FlatTableRecords, UpdatedOnChangeTimeAndPathWithoutParents) {
   WzScanDB db(boost::make_shared<CBackupTimeRecord>());
   ASSERT_FALSE(db.initialize(dir.path()).IsError());
   for (unsigned long long inode = 1; inode <= 4; ++inode) {
-    ASSERT_FALSE(db.addDBRecord(boost::make_shared<CBackupTimeRecord>(inode, inode * 100)).IsError());
+    ASSERT_FALSE(
+        db.addDBRecord(boost::make_shared<CBackupTimeRecord>(inode, inode * 100)).IsError());
   }
   std::vector<WzScanDBRecordBasePtr> records;
   ASSERT_FALSE(db.getUpdatedRecords(&records, 300).IsError());

@@ -1,7 +1,5 @@
 // getSubTree: breadth-first walks, batches, visited marks and error sites.
 
-#include <cstdio>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,119 +7,122 @@
 
 namespace {
 
-constexpr const char* kSignaturePrefix =
-    "CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
-    "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, ";
+using Records = std::vector<WzScanDBRecordBasePtr>;
+using Paths = std::vector<std::string>;
+
+// The six overloads behind one call shape, with the end of each one's
+// signature text and the lines of its lookup errors.
+struct Overload {
+  const char* parameters;
+  bool batched, withPaths, marks;  // marks: takes a validate flag and writes the visited bit
+  int lookupFailedLine, notPresentLine;
+  CKoError (*call)(WzScanDB&, WzScanDBRecordBasePtr, Records&, Paths&, bool validate,
+                   int maxItems, bool more);
+};
+#define OVERLOAD(args)                                                                    \
+  [](WzScanDB& db, WzScanDBRecordBasePtr s, Records& r, [[maybe_unused]] Paths& p,        \
+     [[maybe_unused]] bool v, [[maybe_unused]] int n, [[maybe_unused]] bool more) {       \
+    return db.getSubTree args;                                                            \
+  }
+#define PATHS "std::vector<std::__cxx11::basic_string<char> >&, "
+const Overload kOverloads[] = {
+    {"bool)", false, false, true, 1098, 1102, OVERLOAD((s, r, v))},
+    {PATHS "bool)", false, true, true, 1163, 1166, OVERLOAD((s, r, p, v))},
+    {"bool, int, bool)", true, false, true, 1256, 1259, OVERLOAD((s, r, v, n, more))},
+    {PATHS "bool, int, bool)", true, true, true, 1335, 1337, OVERLOAD((s, r, p, v, n, more))},
+    {PATHS "int, bool)", true, true, false, 1433, 1436, OVERLOAD((s, r, p, n, more))},
+    {"int, bool)", true, false, false, 1499, 1501, OVERLOAD((s, r, n, more))},
+};
+std::string Signature(const Overload& o) {
+  return std::string("CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr, "
+                     "std::vector<boost::shared_ptr<WzScanDBRecordBase> >&, ") +
+         o.parameters;
+}
 
 template <class RecordType>
 class SubTreeTest : public TreeReadTest<RecordType> {
  protected:
-  // Runs a batched walk to its end (the empty batch) and returns every batch.
-  std::vector<std::vector<WzScanDBRecordBasePtr>> AllBatches(
-      const std::function<CKoError(bool, std::vector<WzScanDBRecordBasePtr>&)>& call) {
-    std::vector<std::vector<WzScanDBRecordBasePtr>> batches;
-    std::vector<WzScanDBRecordBasePtr> batch;
-    for (bool continuing = false;; continuing = true) {
-      CKoError err = call(continuing, batch);
-      EXPECT_FALSE(err.IsError()) << err.AsString();
-      if (err.IsError() || batch.empty() || batches.size() > 100000) break;
+  struct Batch {
+    Records records;
+    Paths paths;
+  };
+  // A whole walk below `start`: one call, or batched calls (without a start
+  // record) until the empty batch. The lists start out stale.
+  std::vector<Batch> Walk(const Overload& o, int start, bool validate, int maxItems) {
+    std::vector<Batch> batches;
+    Batch batch{{this->tree.record(0)}, {"stale"}};
+    for (bool more = false; batches.size() < 100000; more = true) {
+      WzScanDBRecordBasePtr from = more ? WzScanDBRecordBasePtr() : this->tree.record(start);
+      CKoError err = o.call(*this->db, from, batch.records, batch.paths, validate, maxItems, more);
+      EXPECT_FALSE(err.IsError()) << o.parameters << ": " << err.AsString();
+      if (err.IsError() || (o.batched && batch.records.empty())) break;
+      if (o.withPaths) {
+        EXPECT_EQ(batch.records.size(), batch.paths.size());
+      }
       batches.push_back(batch);
+      if (!o.batched) break;
     }
     return batches;
   }
 
-  // The sizes of the batches of a path-less batched walk below `start`.
+  // The sizes of the batches of a path-less batched walk below `start`, on
+  // until two empty batches in a row.
   std::vector<size_t> BatchSizes(int start, int maxItems) {
     std::vector<size_t> sizes;
-    std::vector<WzScanDBRecordBasePtr> batch;
+    Records batch;
     CKoError err = this->db->getSubTree(this->tree.record(start), batch, maxItems, false);
-    EXPECT_FALSE(err.IsError()) << err.AsString();
-    sizes.push_back(batch.size());
-    for (int call = 0; call < 10000 && !err.IsError(); ++call) {
+    for (sizes.push_back(batch.size()); !err.IsError() && sizes.size() < 10000;) {
       err = this->db->getSubTree(WzScanDBRecordBasePtr(), batch, maxItems, true);
-      EXPECT_FALSE(err.IsError()) << err.AsString();
       sizes.push_back(batch.size());
-      if (sizes.size() >= 2 && sizes[sizes.size() - 1] == 0 && sizes[sizes.size() - 2] == 0) break;
+      if (sizes[sizes.size() - 1] == 0 && sizes[sizes.size() - 2] == 0) break;
     }
+    EXPECT_FALSE(err.IsError()) << err.AsString();
     return sizes;
+  }
+  int Parent(const WzScanDBRecordBasePtr& r) {
+    return this->tree.model().node(this->tree.nodeOf(r)).parent;
   }
 };
 TYPED_TEST_SUITE(SubTreeTest, TreeRecordTypes);
 
-// All six overloads return the model's breadth-first order; the path forms
-// return the paths relative to the start record; the batched forms, joined,
-// give the same sequence, and each batch ends at a folder boundary right after
-// it first holds more than maxItems records.
-TYPED_TEST(SubTreeTest, WalksMatchTheModelInBreadthFirstOrder) {
+// Every overload returns the model's breadth-first order and, with paths,
+// the paths relative to the start record. A batch ends at a folder boundary
+// right after it first holds more than maxItems records.
+TYPED_TEST(SubTreeTest, EveryOverloadWalksBreadthFirstInFolderBoundedBatches) {
   TreeModel& model = this->tree.model();
   const int start = model.addFolder(0, "start");
   model.addRandom(start, 2500, 15, 11);
-  const int sibling = model.addFolder(0, "sibling");
-  model.addRandom(sibling, 50, 5, 3);
+  model.addRandom(model.addFolder(0, "sibling"), 50, 5, 3);
   this->Store();
-
   const std::vector<int> expected = model.breadthFirst(start);
-  const std::vector<std::string> expectedPaths = this->RelativePaths(start, expected);
+  const Paths expectedPaths = this->RelativePaths(start, expected);
   ASSERT_GT(expected.size(), 2000u);
 
-  std::vector<WzScanDBRecordBasePtr> records{this->tree.record(0)};
-  std::vector<std::string> paths{"stale"};
-  auto check = [&](const CKoError& err, const char* what) {
-    ASSERT_FALSE(err.IsError()) << what << ": " << err.AsString();
-    EXPECT_EQ(expected, this->tree.nodesOf(records)) << what;
-  };
-  check(this->db->getSubTree(this->tree.record(start), records, false), "validate");
-  check(this->db->getSubTree(this->tree.record(start), records, paths, false), "paths, validate");
-  EXPECT_EQ(expectedPaths, paths);
-
   const int maxItems = 100;
-  auto joinAndCheck = [&](const std::vector<std::vector<WzScanDBRecordBasePtr>>& batches,
-                          const char* what) {
-    std::vector<WzScanDBRecordBasePtr> joined;
+  for (const Overload& o : kOverloads) {
+    SCOPED_TRACE(o.parameters);
+    const auto batches = this->Walk(o, start, false, maxItems);
+    EXPECT_TRUE(o.batched ? batches.size() > 5 : batches.size() == 1);
+    Records joined;
+    Paths joinedPaths;
     for (size_t b = 0; b < batches.size(); ++b) {
-      const auto& batch = batches[b];
+      const Records& batch = batches[b].records;
       joined.insert(joined.end(), batch.begin(), batch.end());
+      joinedPaths.insert(joinedPaths.end(), batches[b].paths.begin(), batches[b].paths.end());
       if (b + 1 == batches.size()) break;
-      // The batch's last folder contributed the trailing run of one parent.
-      const int lastParent = model.node(this->tree.nodeOf(batch.back())).parent;
+      // The trailing run of one parent's children is the folder that crossed the bound.
+      const int lastParent = this->Parent(batch.back());
       size_t run = 0;
-      while (run < batch.size() &&
-             model.node(this->tree.nodeOf(batch[batch.size() - 1 - run])).parent == lastParent) {
-        ++run;
-      }
-      EXPECT_GT(static_cast<int>(batch.size()), maxItems) << what << " batch " << b;
-      EXPECT_LE(static_cast<int>(batch.size() - run), maxItems) << what << " batch " << b;
-      EXPECT_NE(lastParent, model.node(this->tree.nodeOf(batches[b + 1].front())).parent)
-          << what << " batch " << b;
+      while (run < batch.size() && this->Parent(batch[batch.size() - 1 - run]) == lastParent) ++run;
+      EXPECT_GT(static_cast<int>(batch.size()), maxItems) << "batch " << b;
+      EXPECT_LE(static_cast<int>(batch.size() - run), maxItems) << "batch " << b;
+      EXPECT_NE(lastParent, this->Parent(batches[b + 1].records.front())) << "batch " << b;
     }
-    EXPECT_EQ(expected, this->tree.nodesOf(joined)) << what;
-  };
-
-  WzScanDBPtr db = this->db;
-  WzScanDBRecordBasePtr startRecord = this->tree.record(start);
-  joinAndCheck(this->AllBatches([&](bool more, std::vector<WzScanDBRecordBasePtr>& batch) {
-    return db->getSubTree(startRecord, batch, false, maxItems, more);
-  }), "validate, maxItems");
-  joinAndCheck(this->AllBatches([&](bool more, std::vector<WzScanDBRecordBasePtr>& batch) {
-    return db->getSubTree(startRecord, batch, maxItems, more);
-  }), "maxItems");
-
-  std::vector<std::string> joinedPaths;
-  joinAndCheck(this->AllBatches([&](bool more, std::vector<WzScanDBRecordBasePtr>& batch) {
-    CKoError err = db->getSubTree(startRecord, batch, paths, maxItems, more);
-    EXPECT_EQ(batch.size(), paths.size());
-    joinedPaths.insert(joinedPaths.end(), paths.begin(), paths.end());
-    return err;
-  }), "paths, maxItems");
-  EXPECT_EQ(expectedPaths, joinedPaths);
-
-  joinedPaths.clear();
-  joinAndCheck(this->AllBatches([&](bool more, std::vector<WzScanDBRecordBasePtr>& batch) {
-    CKoError err = db->getSubTree(startRecord, batch, paths, true, maxItems, more);
-    joinedPaths.insert(joinedPaths.end(), paths.begin(), paths.end());
-    return err;
-  }), "paths, validate, maxItems");
-  EXPECT_EQ(expectedPaths, joinedPaths);
+    EXPECT_EQ(expected, this->tree.nodesOf(joined));
+    if (o.withPaths) {
+      EXPECT_EQ(expectedPaths, joinedPaths);
+    }
+  }
 }
 
 // The batching rule at its edges: the bound is tested only after a whole
@@ -133,14 +134,13 @@ TYPED_TEST(SubTreeTest, BatchBoundEdges) {
   const int five = model.addFolder(0, "five");
   model.addFlat(five, 5, "f", 0);
   const int start = model.addFolder(0, "start");
-  const int a = model.addFolder(start, "a");  // empty
+  model.addFolder(start, "a");  // empty
   const int b = model.addFolder(start, "b");
   model.addFile(start, "f");
   const int c = model.addFolder(start, "c");
   model.addFile(b, "b1");
   model.addFile(b, "b2");
   model.addFile(c, "c1");
-  (void)a;
   this->Store();
 
   EXPECT_EQ((std::vector<size_t>{5, 0, 0}), this->BatchSizes(five, 2));
@@ -151,17 +151,15 @@ TYPED_TEST(SubTreeTest, BatchBoundEdges) {
   EXPECT_EQ((std::vector<size_t>{7, 0, 0}), this->BatchSizes(start, 10000));
 
   // A batch with paths after an empty folder still pairs prefixes with folders.
-  std::vector<WzScanDBRecordBasePtr> batch;
-  std::vector<std::string> paths;
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), batch, paths, -1, false).IsError());
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), batch, paths, -1, true).IsError());
-  EXPECT_TRUE(paths.empty());
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), batch, paths, -1, true).IsError());
-  EXPECT_EQ((std::vector<std::string>{"b/b1", "b/b2"}), paths);
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), batch, paths, -1, true).IsError());
-  EXPECT_EQ((std::vector<std::string>{"c/c1"}), paths);
+  Records batch;
+  Paths paths;
+  const Paths expected[] = {{"a", "b", "c", "f"}, {}, {"b/b1", "b/b2"}, {"c/c1"}};
+  for (size_t i = 0; i < 4; ++i) {
+    ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), batch, paths, -1, i > 0).IsError());
+    EXPECT_EQ(expected[i], paths);
+  }
   ASSERT_EQ(1u, batch.size());
-  EXPECT_EQ(c, model.node(this->tree.nodeOf(batch[0])).parent);
+  EXPECT_EQ(c, this->Parent(batch[0]));
 }
 
 // A deep chain: one record per level, batches of one record with bound 0,
@@ -174,85 +172,63 @@ TYPED_TEST(SubTreeTest, DeepChain) {
   model.addFile(deepest, "leaf");
   this->Store();
 
-  std::vector<WzScanDBRecordBasePtr> records;
-  std::vector<std::string> paths;
+  Records records;
+  Paths paths;
   ASSERT_FALSE(this->db->getSubTree(this->tree.record(top), records, paths, false).IsError());
-  ASSERT_EQ(static_cast<size_t>(depth + 1), records.size());
   EXPECT_EQ(model.breadthFirst(top), this->tree.nodesOf(records));
+  EXPECT_EQ(static_cast<size_t>(depth + 1), records.size());
   EXPECT_EQ("level0", paths.front());
   EXPECT_EQ(model.relativePath(top, deepest) + "/leaf", paths.back());
-
-  std::vector<size_t> sizes = this->BatchSizes(top, 0);
-  ASSERT_EQ(static_cast<size_t>(depth + 3), sizes.size());
-  for (int level = 0; level <= depth; ++level) EXPECT_EQ(1u, sizes[level]) << level;
+  std::vector<size_t> sizes(depth + 1, 1u);
+  sizes.insert(sizes.end(), {0, 0});
+  EXPECT_EQ(sizes, this->BatchSizes(top, 0));
 }
 
-// The visited bit: the validate walks set it (true) or clear it (false) on
-// the start record and every record below, writing each to the table; the
-// records outside the sub-tree and the directory bits are untouched; the two
-// batched forms without validate write nothing.
+// The marking overloads set (validate true) or clear (false) the visited bit
+// of the start record and every record below, in the table and in the
+// returned records; records outside the sub-tree and the directory bits are
+// untouched; the overloads without validate write nothing.
 TYPED_TEST(SubTreeTest, VisitedBitIsWrittenOnlyByTheValidateWalks) {
   TreeModel& model = this->tree.model();
   const int start = model.addFolder(0, "start");
   model.addRandom(start, 300, 8, 5);
-  const int outside = model.addFolder(0, "outside");
-  model.addFile(outside, "x");
+  const int file = model.addFile(model.addFolder(0, "outside"), "x");
   this->Store();
 
-  std::vector<int> below = model.breadthFirst(start);
   std::vector<bool> inWalk(model.size(), false);
   inWalk[start] = true;
-  for (int id : below) inWalk[id] = true;
-  auto expectFlags = [&](int visitedInWalk, int visitedOutside, const char* what) {
+  for (int id : model.breadthFirst(start)) inWalk[id] = true;
+  auto expectFlags = [&](int visitedInWalk) {
     std::map<int, int> flags = this->TableFlags();
-    ASSERT_EQ(static_cast<size_t>(model.size()), flags.size()) << what;
+    ASSERT_EQ(static_cast<size_t>(model.size()), flags.size());
     for (const auto& [id, value] : flags) {
-      ASSERT_GE(id, 0) << what;
+      ASSERT_GE(id, 0);
       const int dir = model.node(id).isDir ? kRecordFlagDirectory : 0;
-      const int visited = inWalk[id] ? visitedInWalk : visitedOutside;
-      ASSERT_EQ(dir | visited, value) << what << " node " << model.relativePath(0, id);
+      ASSERT_EQ(dir | (inWalk[id] ? visitedInWalk : 0), value) << model.relativePath(0, id);
     }
   };
 
-  std::vector<WzScanDBRecordBasePtr> records;
-  std::vector<std::string> paths;
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, true).IsError());
-  expectFlags(kRecordFlagVisited, 0, "validate true");
-  for (const auto& rec : records) EXPECT_EQ(kRecordFlagVisited, rec->getFlags() & kRecordFlagVisited);
-
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, paths, false).IsError());
-  expectFlags(0, 0, "paths, validate false");
-
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, true, 10, false).IsError());
-  while (!records.empty()) {
-    ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, true, 10, true).IsError());
+  for (const Overload& o : kOverloads) {
+    SCOPED_TRACE(o.parameters);
+    if (!o.marks) this->Walk(kOverloads[0], start, true, 0);
+    for (bool validate : {true, false}) {
+      const bool marked = o.marks ? validate : true;
+      for (const auto& batch : this->Walk(o, start, validate, 10)) {
+        for (const auto& rec : batch.records)
+          ASSERT_EQ(marked, (rec->getFlags() & kRecordFlagVisited) != 0);
+      }
+      expectFlags(marked ? kRecordFlagVisited : 0);
+    }
   }
-  expectFlags(kRecordFlagVisited, 0, "batched validate true");
-
-  // The forms without validate leave every flag as it is.
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, paths, 10, false).IsError());
-  while (!records.empty()) {
-    ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, paths, 10, true).IsError());
-  }
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, 10, false).IsError());
-  while (!records.empty()) {
-    ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, 10, true).IsError());
-  }
-  expectFlags(kRecordFlagVisited, 0, "batched without validate");
-
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, paths, false, 10, false).IsError());
-  while (!records.empty()) {
-    ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, paths, false, 10, true).IsError());
-  }
-  expectFlags(0, 0, "batched paths validate false");
 
   // A file as start: nothing below it, but its own bit is still written.
-  const int file = model.breadthFirst(outside).front();
+  this->Walk(kOverloads[0], start, false, 0);
   inWalk.assign(model.size(), false);
   inWalk[file] = true;
+  Records records;
   ASSERT_FALSE(this->db->getSubTree(this->tree.record(file), records, true).IsError());
   EXPECT_TRUE(records.empty());
-  expectFlags(kRecordFlagVisited, 0, "file start");
+  expectFlags(kRecordFlagVisited);
 }
 
 // An unbatched walk uses its own queue: it neither ends nor disturbs the
@@ -266,25 +242,21 @@ TYPED_TEST(SubTreeTest, UnbatchedWalksLeaveTheBatchedWalkAlone) {
   model.addRandom(other, 100, 6, 10);
   this->Store();
 
-  std::vector<WzScanDBRecordBasePtr> records{this->tree.record(0)};
-  ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, 0, true).IsError());
-  EXPECT_TRUE(records.empty());
+  Records records{this->tree.record(0)};
+  Paths paths{"x"};
   WzScanDB fresh(TypeParam::Prototype());
-  records.push_back(this->tree.record(0));
-  std::vector<std::string> paths{"x"};
   ASSERT_FALSE(fresh.getSubTree(WzScanDBRecordBasePtr(), records, paths, 0, true).IsError());
   EXPECT_TRUE(records.empty());
   EXPECT_TRUE(paths.empty());
 
-  std::vector<WzScanDBRecordBasePtr> joined;
-  std::vector<std::string> joinedPaths;
+  Records joined, scratch;
+  Paths joinedPaths, scratchPaths;
   ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, paths, 0, false).IsError());
-  std::vector<WzScanDBRecordBasePtr> scratch;
-  std::vector<std::string> scratchPaths;
   while (!records.empty()) {
     joined.insert(joined.end(), records.begin(), records.end());
     joinedPaths.insert(joinedPaths.end(), paths.begin(), paths.end());
-    ASSERT_FALSE(this->db->getSubTree(this->tree.record(other), scratch, scratchPaths, false).IsError());
+    ASSERT_FALSE(
+        this->db->getSubTree(this->tree.record(other), scratch, scratchPaths, false).IsError());
     ASSERT_FALSE(this->db->getSubTree(this->tree.record(other), scratch, true).IsError());
     ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, paths, 0, true).IsError());
   }
@@ -293,9 +265,9 @@ TYPED_TEST(SubTreeTest, UnbatchedWalksLeaveTheBatchedWalkAlone) {
 }
 
 // Write failures of the marking walks, provoked by reopening the table read
-// only: each overload and direction reports the start record's write and a
-// child's write at its own line and in its own words. The failing child is
-// already in the result list, with its flag changed in memory.
+// only: each marking overload and direction reports the start record's write
+// and a child's write at its own line and in its own words. The failing
+// child is already in the result list, with its flag changed in memory.
 TYPED_TEST(SubTreeTest, WriteFailureSitesOfTheMarkingOverloads) {
   TreeModel& model = this->tree.model();
   const int start = model.addFolder(0, "start");
@@ -303,91 +275,56 @@ TYPED_TEST(SubTreeTest, WriteFailureSitesOfTheMarkingOverloads) {
   model.addFile(start, "b");
   this->Store();
 
-  struct Overload {
-    const char* parameters;
-    int startSetLine, startClearLine, childLine;
-    const char* startSetText;
-    const char* startClearText;
-    const char* childText;  // with the flag word for "set" and for "clear"
-    const char* setWord;
-    const char* clearWord;
-    bool batched, withPaths;
-  };
-  const char* kPathsParam = "std::vector<std::__cxx11::basic_string<char> >&, ";
-  const std::vector<Overload> overloads = {
-      {"bool)", 1113, 1118, 1145, "updateDBRecord(%s) Failed", "updateDBRecord(%s) Failed",
-       "updateDBRecord(%s) with visited flag %s Failed", "set", "removed", false, false},
-      {"bool)", 1181, 1186, 1236, "updateDBRecord(%s) with visited = true Failed",
-       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
-       "true", "false", false, true},
-      {"bool, int, bool)", 1272, 1277, 1304, "updateDBRecord(%s) with visited = true Failed",
-       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
-       "true", "false", true, false},
-      {"bool, int, bool)", 1351, 1356, 1404, "updateDBRecord(%s) with visited = true Failed",
-       "updateDBRecord(%s) with visited = false Failed", "updateDBRecord(%s) with visited = %s Failed",
-       "true", "false", true, true},
-  };
-  auto format = [](const char* text, const std::string& record, const char* word = "") {
-    char buffer[2048];
-    snprintf(buffer, sizeof(buffer), text, record.c_str(), word);
-    return std::string(buffer);
-  };
+  const int lines[4][3] = {  // start set, start cleared, child
+      {1113, 1118, 1145}, {1181, 1186, 1236}, {1272, 1277, 1304}, {1351, 1356, 1404}};
   auto reopen = [&](WZIndexing::TAccessEnum mode) {
     this->db->TCtreeTable::close();
     ASSERT_EQ(0, this->db->open(mode));
   };
-  // Stored flags: the start's visited bit as given, the children's bits the
+  // Stored flags: the start's visited bit as given, the children's the
   // opposite, so that exactly one of the two kinds of write is needed.
   auto prepare = [&](bool startVisited) {
     reopen(WZIndexing::kAccessReadWrite);
     for (int id : {start, start + 1, start + 2}) {
       WzScanDBRecordBasePtr rec = this->tree.record(id);
-      const bool visited = (id == start) == startVisited;
-      rec->setFlags(rec->getFlags() | (visited ? kRecordFlagVisited : 0));
+      rec->setFlags(rec->getFlags() | ((id == start) == startVisited ? kRecordFlagVisited : 0));
       ASSERT_FALSE(this->db->updateDBRecord(rec).IsError());
     }
     reopen(WZIndexing::kAccessReadOnly);
   };
 
-  std::vector<WzScanDBRecordBasePtr> records;
-  std::vector<std::string> paths;
-  for (const Overload& each : overloads) {
-    const std::string signature =
-        std::string(kSignaturePrefix) + (each.withPaths ? kPathsParam : "") + each.parameters;
-    auto call = [&](bool validate) {
-      WzScanDBRecordBasePtr s = this->tree.record(start);
-      if (each.batched && each.withPaths) return this->db->getSubTree(s, records, paths, validate, 10, false);
-      if (each.batched) return this->db->getSubTree(s, records, validate, 10, false);
-      if (each.withPaths) return this->db->getSubTree(s, records, paths, validate);
-      return this->db->getSubTree(s, records, validate);
-    };
+  Records records;
+  Paths paths;
+  for (int row = 0; row < 4; ++row) {
+    const Overload& o = kOverloads[row];
+    SCOPED_TRACE(o.parameters);
     for (bool validate : {true, false}) {
-      // The start record needs the write.
+      const std::string flag = validate ? "true" : "false";
       prepare(!validate);
-      CKoError err = call(validate);
-      ASSERT_TRUE(err.IsError()) << signature;
+      CKoError err =
+          o.call(*this->db, this->tree.record(start), records, paths, validate, 10, false);
+      ASSERT_TRUE(err.IsError());
       EXPECT_EQ(EKoErrorKind::kInt, err.GetKind());
-      EXPECT_EQ(signature, Top(err).location.function);
-      EXPECT_EQ(validate ? each.startSetLine : each.startClearLine, Top(err).location.line);
-      EXPECT_EQ(format(validate ? each.startSetText : each.startClearText,
-                       this->tree.record(start)->toString()),
-                Top(err).message);
+      const std::string rec = this->tree.record(start)->toString();
+      ExpectFrame(Top(err),
+                  row == 0 ? "updateDBRecord(" + rec + ") Failed"
+                           : "updateDBRecord(" + rec + ") with visited = " + flag + " Failed",
+                  Signature(o), lines[row][validate ? 0 : 1]);
       EXPECT_TRUE(records.empty());
 
-      // Only the children need it: the first child fails.
       prepare(validate);
-      err = call(validate);
-      ASSERT_TRUE(err.IsError()) << signature;
-      EXPECT_EQ(signature, Top(err).location.function);
-      EXPECT_EQ(each.childLine, Top(err).location.line);
+      err = o.call(*this->db, this->tree.record(start), records, paths, validate, 10, false);
+      ASSERT_TRUE(err.IsError());
       ASSERT_EQ(1u, records.size());
       EXPECT_EQ("a", records[0]->getName());
       EXPECT_EQ(validate ? kRecordFlagVisited : 0, records[0]->getFlags() & kRecordFlagVisited);
-      EXPECT_EQ(format(each.childText, records[0]->toString(),
-                       validate ? each.setWord : each.clearWord),
-                Top(err).message);
-      if (each.withPaths) {
-        EXPECT_EQ(std::vector<std::string>{"a"}, paths);
+      const std::string child = "updateDBRecord(" + records[0]->toString() + ") with visited ";
+      ExpectFrame(Top(err),
+                  row == 0 ? child + "flag " + (validate ? "set" : "removed") + " Failed"
+                           : child + "= " + flag + " Failed",
+                  Signature(o), lines[row][2]);
+      if (o.withPaths) {
+        EXPECT_EQ(Paths{"a"}, paths);
       }
     }
   }
@@ -397,62 +334,34 @@ TYPED_TEST(SubTreeTest, WriteFailureSitesOfTheMarkingOverloads) {
 // Every overload reports a start record that is not stored, and a failed
 // lookup, at its own source line with its own signature text.
 TYPED_TEST(SubTreeTest, ErrorSitesOfEveryOverload) {
-  struct Overload {
-    const char* parameters;
-    int lookupFailedLine;
-    int notPresentLine;
-    std::function<CKoError(WzScanDB&, WzScanDBRecordBasePtr)> call;
-  };
-  std::vector<WzScanDBRecordBasePtr> records;
-  std::vector<std::string> paths;
-  const std::vector<Overload> overloads = {
-      {"bool)", 1098, 1102,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) { return db.getSubTree(s, records, true); }},
-      {"std::vector<std::__cxx11::basic_string<char> >&, bool)", 1163, 1166,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) { return db.getSubTree(s, records, paths, false); }},
-      {"bool, int, bool)", 1256, 1259,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) { return db.getSubTree(s, records, true, 5, false); }},
-      {"std::vector<std::__cxx11::basic_string<char> >&, bool, int, bool)", 1335, 1337,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) {
-         return db.getSubTree(s, records, paths, true, 5, false);
-       }},
-      {"std::vector<std::__cxx11::basic_string<char> >&, int, bool)", 1433, 1436,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) { return db.getSubTree(s, records, paths, 5, false); }},
-      {"int, bool)", 1499, 1501,
-       [&](WzScanDB& db, WzScanDBRecordBasePtr s) { return db.getSubTree(s, records, 5, false); }},
-  };
-
   const int missing = this->tree.model().addFolder(0, "missing");  // never stored
   WzScanDBRecordBasePtr absent = this->tree.record(missing);
   WzScanDB uninitialized(TypeParam::Prototype());
-  for (const Overload& each : overloads) {
-    const std::string signature = std::string(kSignaturePrefix) + each.parameters;
+  Records records;
+  Paths paths;
+  for (const Overload& o : kOverloads) {
+    SCOPED_TRACE(o.parameters);
     records.assign(1, this->tree.record(0));
     paths.assign(1, "stale");
-
-    CKoError err = each.call(*this->db, absent);
-    ASSERT_TRUE(err.IsError()) << signature;
+    CKoError err = o.call(*this->db, absent, records, paths, true, 5, false);
+    ASSERT_TRUE(err.IsError());
     EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());
     EXPECT_EQ(2, err.GetCode());
     ASSERT_EQ(1u, err.GetFrames().size());
-    EXPECT_EQ("The record " + absent->toString() + " is not present in the database to retrieve a subtree",
-              Origin(err).message);
-    EXPECT_STREQ("WzScanDB/WzScanDB", Origin(err).location.file);
-    EXPECT_EQ(signature, Origin(err).location.function);
-    EXPECT_EQ(each.notPresentLine, Origin(err).location.line);
+    ExpectFrame(Origin(err),
+                "The record " + absent->toString() +
+                    " is not present in the database to retrieve a subtree",
+                Signature(o), o.notPresentLine);
     EXPECT_TRUE(records.empty());
-    if (std::string(each.parameters).find("basic_string") != std::string::npos) {
-      EXPECT_TRUE(paths.empty());
-    }
+    EXPECT_EQ(o.withPaths ? 0u : 1u, paths.size());
 
-    err = each.call(uninitialized, this->tree.record(0));
-    ASSERT_TRUE(err.IsError()) << signature;
+    err = o.call(uninitialized, this->tree.record(0), records, paths, true, 5, false);
+    ASSERT_TRUE(err.IsError());
     EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());
     EXPECT_EQ(22, err.GetCode());
     ASSERT_EQ(2u, err.GetFrames().size());
-    EXPECT_EQ("checkDBRecord(" + this->tree.record(0)->toString() + ") Failed", Top(err).message);
-    EXPECT_EQ(signature, Top(err).location.function);
-    EXPECT_EQ(each.lookupFailedLine, Top(err).location.line);
+    ExpectFrame(Top(err), "checkDBRecord(" + this->tree.record(0)->toString() + ") Failed",
+                Signature(o), o.lookupFailedLine);
   }
 }
 

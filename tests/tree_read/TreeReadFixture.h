@@ -12,6 +12,7 @@
 
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CKoError.h"
+#include "support/LogAt.h"
 #include "support/TempDir.h"
 #include "support/TreeBuilder.h"
 
@@ -69,7 +70,16 @@ class TreeReadTest : public ::testing::Test {
 
 typedef ::testing::Types<GenericRecords, LustreRecords> TreeRecordTypes;
 
-// The frame where an error was made.
+// The frame where an error was made, and the frame pushed last.
 inline const CKoErrorFrame& Origin(const CKoError& err) { return err.GetFrames().front(); }
-// The frame pushed last.
 inline const CKoErrorFrame& Top(const CKoError& err) { return err.GetFrames().back(); }
+
+// Checks the text, function and line of one frame.
+inline void ExpectFrame(const CKoErrorFrame& frame, const std::string& message,
+                        const std::string& function, int line) {
+  EXPECT_EQ(message, frame.message);
+  EXPECT_STREQ("WzScanDB/WzScanDB", frame.location.file);
+  EXPECT_EQ(function, std::string(frame.location.function));
+  EXPECT_EQ(line, frame.location.line) << message;
+}
+

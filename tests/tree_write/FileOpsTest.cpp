@@ -25,6 +25,8 @@ TYPED_TEST(FileOpsTest, AddStampsDirectoryBitAndReferenceTime) {
   file->setFlags(kRecordFlagDirectory | kRecordFlagVisited);
   file->setRefTime(99);
   ASSERT_TRUE(this->db_->addFile(file).IsSuccess());
+  log.ExpectOnce("File Record Added : " + file->toString(), 768, 6,
+                 "CKoError WzScanDB::addFile(WzScanDBRecordBasePtr)");
   EXPECT_EQ(kRecordFlagVisited, this->Stored(file)->getFlags());
   EXPECT_EQ(this->kDbRefTime, this->Stored(file)->getRefTime());
 
@@ -34,15 +36,8 @@ TYPED_TEST(FileOpsTest, AddStampsDirectoryBitAndReferenceTime) {
   EXPECT_EQ(this->kDbRefTime + 10, this->Stored(file)->getRefTime());
   EXPECT_EQ(3u, this->CountRecords());
 
-  auto folderLines = log->Find("Folder Record Added : " + folder->toString());
-  ASSERT_EQ(1u, folderLines.size());
-  EXPECT_EQ(6, folderLines[0].level);
-  EXPECT_EQ("CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr)", folderLines[0].function);
-  EXPECT_EQ(789, folderLines[0].line);
-  auto fileLines = log->FindContaining("File Record Added : ");
-  ASSERT_EQ(1u, fileLines.size());
-  EXPECT_EQ("CKoError WzScanDB::addFile(WzScanDBRecordBasePtr)", fileLines[0].function);
-  EXPECT_EQ(768, fileLines[0].line);
+  log.ExpectOnce("Folder Record Added : " + folder->toString(), 789, 6,
+                 "CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr)");
 
   log->Clear();
   g_ptrLogWriter->SetLevel(5);
@@ -92,19 +87,15 @@ TYPED_TEST(FileOpsTest, RemoveFolderRemovesSubTreeAndNothingElse) {
   LogAt log(6);
 
   ASSERT_TRUE(this->db_->removeFolder(empty).IsSuccess());
-  auto filled = log->FindContaining("Filled the Buffer with");
-  ASSERT_EQ(1u, filled.size());
-  EXPECT_EQ("Filled the Buffer with 0 Items from the getSubtree() function", filled[0].message);
-  EXPECT_EQ(825, filled[0].line);
-  EXPECT_EQ(kRemoveFolderSig, filled[0].function);
-  auto done = log->Find("Folder Record and its descendants Deleted : " + empty->toString());
-  ASSERT_EQ(1u, done.size());
-  EXPECT_EQ(845, done[0].line);
+  EXPECT_EQ(1u, log->FindContaining("Filled the Buffer with").size());
+  log.ExpectOnce("Filled the Buffer with 0 Items from the getSubtree() function", 825, 6,
+                 kRemoveFolderSig);
+  log.ExpectOnce("Folder Record and its descendants Deleted : " + empty->toString(), 845);
   EXPECT_EQ(8u, this->CountRecords());
 
   log->Clear();
   ASSERT_TRUE(this->db_->removeFolder(full).IsSuccess());
-  filled = log->FindContaining("Filled the Buffer with");
+  auto filled = log->FindContaining("Filled the Buffer with");
   ASSERT_EQ(2u, filled.size());
   EXPECT_EQ("Filled the Buffer with 3 Items from the getSubtree() function", filled[0].message);
   EXPECT_EQ("Filled the Buffer with 0 Items from the getSubtree() function", filled[1].message);

@@ -50,10 +50,9 @@ TYPED_TEST(RenameTest, RenameByKeyAndRenameFile) {
   EXPECT_EQ(77u, this->StatSize(stored));
   EXPECT_EQ(kRenameTime, stored->getRefTime());
   EXPECT_EQ(4u, this->CountRecords());
-  auto lines = log->Find("Rename Record : " + oldRecord->toString() + " ----------> : " +
-                         byKey->toString());
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_EQ(894, lines[0].line);
+  log.ExpectOnce("Rename Record : " + oldRecord->toString() + " ----------> : " +
+                     byKey->toString(),
+                 894);
 
   // Old record not stored: renameByKey adds nothing, renameFile has already
   // added the new one.
@@ -162,12 +161,9 @@ TYPED_TEST(RenameTest, RenameFolderMovesEverythingBelowItUnderNewKeys) {
   EXPECT_EQ("Renaming path from : /x to /y", lines.back().message);
   EXPECT_EQ(1010, lines.back().line);
   EXPECT_EQ(1u, log->Find("Rename Operation from /x to /y performed successfully").size());
-  auto filled = log->FindContaining("Filled the Buffer with ");
-  ASSERT_EQ(2u, filled.size());
-  EXPECT_EQ("Filled the Buffer with 6 Items from the getSubtree function", filled[0].message);
-  EXPECT_EQ(962, filled[0].line);
-  EXPECT_EQ("Filled the Buffer with 0 Items from the getSubtree function", filled[1].message);
-  EXPECT_EQ(1000, filled[1].line);
+  EXPECT_EQ(2u, log->FindContaining("Filled the Buffer with ").size());
+  log.ExpectOnce("Filled the Buffer with 6 Items from the getSubtree function", 962);
+  log.ExpectOnce("Filled the Buffer with 0 Items from the getSubtree function", 1000);
 
   log->Clear();
   bool consistent = true;

@@ -21,8 +21,7 @@
 #include "WzScanDB/records/WzScanDBLustreRecord.h"
 #include "WzScanDB/records/WzScanDBRecord.h"
 #include "lustre/GetFIDFromPath.h"
-#include "runtime/LogCapture.h"
-#include "runtime/LogWriter.h"
+#include "support/LogAt.h"
 #include "support/TempDir.h"
 
 struct GenericTree {
@@ -67,20 +66,6 @@ struct LustreTree {
   static WzScanDBRecordBasePtr FromPath(const std::string& path, bool isDir) {
     return boost::make_shared<WzScanDBLustreRecord>(path, isDir, 0);
   }
-};
-
-// Sets the log level and captures what is written, for one scope.
-class LogAt {
- public:
-  explicit LogAt(int level) : saved_(g_ptrLogWriter->GetLevel()) {
-    g_ptrLogWriter->SetLevel(level);
-  }
-  ~LogAt() { g_ptrLogWriter->SetLevel(saved_); }
-  CLogCapture* operator->() const { return capture_.get(); }
-
- private:
-  int saved_;
-  std::shared_ptr<CLogCapture> capture_ = CLogCapture::Install();
 };
 
 inline void ExpectError(const CKoError& err, EKoErrorKind kind, int code, const std::string& top,

@@ -48,19 +48,14 @@ TYPED_TEST(ValidateTest, ConsistentTreesAreReportedAndLeftUnmarked) {
     EXPECT_EQ(0u, this->Marked());
     EXPECT_TRUE(log->FindContaining("Found a disconnected node").empty());
 
-    auto started = log->Find(
+    log.ExpectOnce(
         "Validate Function Called. Expensive Function, May Take Time. Performing BFS Search "
-        "marking all nodes as visited.");
-    ASSERT_EQ(1u, started.size());
-    EXPECT_EQ(0, started[0].level);
-    EXPECT_EQ(1037, started[0].line);
-    EXPECT_EQ("CKoError WzScanDB::validateTree(bool&)", started[0].function);
+        "marking all nodes as visited.",
+        1037, 0, "CKoError WzScanDB::validateTree(bool&)");
     EXPECT_EQ(1u, log->Find("Visited All Reachable Nodes from the Root. Now Checking if any of "
                             "the Nodes are disconnected.").size());
-    auto done = log->Find(
-        "Marked all Nodes Reachable from Root as Not Visited. The Database is Consistent");
-    ASSERT_EQ(1u, done.size());
-    EXPECT_EQ(1082, done[0].line);
+    log.ExpectOnce(
+        "Marked all Nodes Reachable from Root as Not Visited. The Database is Consistent", 1082);
     // One count per batch of the walk, then the closing empty batch.
     const std::vector<unsigned long> counts =
         size ? std::vector<unsigned long>{size, 0} : std::vector<unsigned long>{0};
@@ -139,12 +134,9 @@ TYPED_TEST(ValidateTest, MissingRootFailsValidateAndPrintStats) {
   ExpectError(err, EKoErrorKind::kErrNo, 2,
               "Couldn't get the subtree to print the stats of the database", 476);
   EXPECT_STREQ("CKoError WzScanDB::printStats()", err.GetFrames().back().location.function);
-  auto lines = log->FindContaining("Couldn't get the subtree due to : ");
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_EQ(-1, lines[0].level);
-  EXPECT_EQ(472, lines[0].line);
-  EXPECT_EQ(lines[0].message, out);  // the same text, without a newline
+  EXPECT_EQ(0u, out.find("Couldn't get the subtree due to : "));
   EXPECT_NE(std::string::npos, out.find("is not present in the database to retrieve a subtree"));
+  log.ExpectOnce(out, 472, -1);  // the same text, without a newline
 }
 
 }  // namespace
