@@ -1,5 +1,6 @@
 // getSubTree: breadth-first walks, batches, visited marks and error sites.
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -47,8 +48,10 @@ class SubTreeTest : public TreeReadTest<RecordType> {
     Paths paths;
   };
   // A whole walk below `start`: one call, or batched calls (without a start
-  // record) until the empty batch. The lists start out stale.
-  std::vector<Batch> Walk(const Overload& o, int start, bool validate, int maxItems) {
+  // record) until the empty batch, calling `between` after each batch. The
+  // lists start out stale.
+  std::vector<Batch> Walk(const Overload& o, int start, bool validate, int maxItems,
+                          const std::function<void()>& between = [] {}) {
     std::vector<Batch> batches;
     Batch batch{{this->tree.record(0)}, {"stale"}};
     for (bool more = false; batches.size() < 100000; more = true) {
@@ -61,6 +64,7 @@ class SubTreeTest : public TreeReadTest<RecordType> {
       }
       batches.push_back(batch);
       if (!o.batched) break;
+      between();
     }
     return batches;
   }
@@ -87,12 +91,15 @@ TYPED_TEST_SUITE(SubTreeTest, TreeRecordTypes);
 
 // Every overload returns the model's breadth-first order and, with paths,
 // the paths relative to the start record. A batch ends at a folder boundary
-// right after it first holds more than maxItems records.
+// right after it first holds more than maxItems records. Unbatched walks
+// between two batches use their own queue: they neither end nor disturb the
+// batched walk in progress.
 TYPED_TEST(SubTreeTest, EveryOverloadWalksBreadthFirstInFolderBoundedBatches) {
   TreeModel& model = this->tree.model();
   const int start = model.addFolder(0, "start");
   model.addRandom(start, 2500, 15, 11);
-  model.addRandom(model.addFolder(0, "sibling"), 50, 5, 3);
+  const int sibling = model.addFolder(0, "sibling");
+  model.addRandom(sibling, 50, 5, 3);
   this->Store();
   const std::vector<int> expected = model.breadthFirst(start);
   const Paths expectedPaths = this->RelativePaths(start, expected);
@@ -101,7 +108,10 @@ TYPED_TEST(SubTreeTest, EveryOverloadWalksBreadthFirstInFolderBoundedBatches) {
   const int maxItems = 100;
   for (const Overload& o : kOverloads) {
     SCOPED_TRACE(o.parameters);
-    const auto batches = this->Walk(o, start, false, maxItems);
+    const auto batches = this->Walk(o, start, false, maxItems, [&] {
+      this->Walk(kOverloads[0], sibling, true, 0);
+      this->Walk(kOverloads[1], sibling, false, 0);
+    });
     EXPECT_TRUE(o.batched ? batches.size() > 5 : batches.size() == 1);
     Records joined;
     Paths joinedPaths;
@@ -128,9 +138,14 @@ TYPED_TEST(SubTreeTest, EveryOverloadWalksBreadthFirstInFolderBoundedBatches) {
 // The batching rule at its edges: the bound is tested only after a whole
 // folder, 2 < 5 children does not split a folder, 0 ends a batch after any
 // folder with children, a negative bound after every folder (even an empty
-// one, which yields an empty batch that callers take as the end).
-TYPED_TEST(SubTreeTest, BatchBoundEdges) {
+// one, which yields an empty batch that callers take as the end). A deep
+// chain gives batches of one record with bound 0, and paths that grow one
+// level at a time.
+TYPED_TEST(SubTreeTest, BatchBoundEdgesAndADeepChain) {
   TreeModel& model = this->tree.model();
+  const int chain = model.addFolder(0, "chain");
+  const int depth = 300;
+  const int leaf = model.addFile(model.addChain(chain, depth, "level"), "leaf");
   const int five = model.addFolder(0, "five");
   model.addFlat(five, 5, "f", 0);
   const int start = model.addFolder(0, "start");
@@ -160,28 +175,16 @@ TYPED_TEST(SubTreeTest, BatchBoundEdges) {
   }
   ASSERT_EQ(1u, batch.size());
   EXPECT_EQ(c, this->Parent(batch[0]));
-}
 
-// A deep chain: one record per level, batches of one record with bound 0,
-// paths that grow one level at a time.
-TYPED_TEST(SubTreeTest, DeepChain) {
-  TreeModel& model = this->tree.model();
-  const int top = model.addFolder(0, "chain");
-  const int depth = 300;
-  const int deepest = model.addChain(top, depth, "level");
-  model.addFile(deepest, "leaf");
-  this->Store();
-
-  Records records;
-  Paths paths;
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(top), records, paths, false).IsError());
-  EXPECT_EQ(model.breadthFirst(top), this->tree.nodesOf(records));
-  EXPECT_EQ(static_cast<size_t>(depth + 1), records.size());
-  EXPECT_EQ("level0", paths.front());
-  EXPECT_EQ(model.relativePath(top, deepest) + "/leaf", paths.back());
+  const auto walk = this->Walk(kOverloads[1], chain, false, 0);
+  ASSERT_EQ(1u, walk.size());
+  EXPECT_EQ(model.breadthFirst(chain), this->tree.nodesOf(walk[0].records));
+  EXPECT_EQ(static_cast<size_t>(depth + 1), walk[0].paths.size());
+  EXPECT_EQ("level0", walk[0].paths.front());
+  EXPECT_EQ(model.relativePath(chain, leaf), walk[0].paths.back());
   std::vector<size_t> sizes(depth + 1, 1u);
   sizes.insert(sizes.end(), {0, 0});
-  EXPECT_EQ(sizes, this->BatchSizes(top, 0));
+  EXPECT_EQ(sizes, this->BatchSizes(chain, 0));
 }
 
 // The marking overloads set (validate true) or clear (false) the visited bit
@@ -229,39 +232,6 @@ TYPED_TEST(SubTreeTest, VisitedBitIsWrittenOnlyByTheValidateWalks) {
   ASSERT_FALSE(this->db->getSubTree(this->tree.record(file), records, true).IsError());
   EXPECT_TRUE(records.empty());
   expectFlags(kRecordFlagVisited);
-}
-
-// An unbatched walk uses its own queue: it neither ends nor disturbs the
-// batched walk in progress. A continuing call on an object that never started
-// a walk returns an empty batch.
-TYPED_TEST(SubTreeTest, UnbatchedWalksLeaveTheBatchedWalkAlone) {
-  TreeModel& model = this->tree.model();
-  const int start = model.addFolder(0, "start");
-  model.addRandom(start, 400, 6, 9);
-  const int other = model.addFolder(0, "other");
-  model.addRandom(other, 100, 6, 10);
-  this->Store();
-
-  Records records{this->tree.record(0)};
-  Paths paths{"x"};
-  WzScanDB fresh(TypeParam::Prototype());
-  ASSERT_FALSE(fresh.getSubTree(WzScanDBRecordBasePtr(), records, paths, 0, true).IsError());
-  EXPECT_TRUE(records.empty());
-  EXPECT_TRUE(paths.empty());
-
-  Records joined, scratch;
-  Paths joinedPaths, scratchPaths;
-  ASSERT_FALSE(this->db->getSubTree(this->tree.record(start), records, paths, 0, false).IsError());
-  while (!records.empty()) {
-    joined.insert(joined.end(), records.begin(), records.end());
-    joinedPaths.insert(joinedPaths.end(), paths.begin(), paths.end());
-    ASSERT_FALSE(
-        this->db->getSubTree(this->tree.record(other), scratch, scratchPaths, false).IsError());
-    ASSERT_FALSE(this->db->getSubTree(this->tree.record(other), scratch, true).IsError());
-    ASSERT_FALSE(this->db->getSubTree(WzScanDBRecordBasePtr(), records, paths, 0, true).IsError());
-  }
-  EXPECT_EQ(model.breadthFirst(start), this->tree.nodesOf(joined));
-  EXPECT_EQ(this->RelativePaths(start, model.breadthFirst(start)), joinedPaths);
 }
 
 // Write failures of the marking walks, provoked by reopening the table read
@@ -332,7 +302,8 @@ TYPED_TEST(SubTreeTest, WriteFailureSitesOfTheMarkingOverloads) {
 }
 
 // Every overload reports a start record that is not stored, and a failed
-// lookup, at its own source line with its own signature text.
+// lookup, at its own source line with its own signature text. A continuing
+// call on an object that never started a walk returns an empty batch.
 TYPED_TEST(SubTreeTest, ErrorSitesOfEveryOverload) {
   const int missing = this->tree.model().addFolder(0, "missing");  // never stored
   WzScanDBRecordBasePtr absent = this->tree.record(missing);
@@ -355,6 +326,13 @@ TYPED_TEST(SubTreeTest, ErrorSitesOfEveryOverload) {
     EXPECT_TRUE(records.empty());
     EXPECT_EQ(o.withPaths ? 0u : 1u, paths.size());
 
+    records.assign(1, this->tree.record(0));
+    paths.assign(1, "stale");
+    if (o.batched) {
+      ASSERT_FALSE(o.call(uninitialized, nullptr, records, paths, true, 5, true).IsError());
+      EXPECT_TRUE(records.empty());
+      EXPECT_EQ(o.withPaths ? 0u : 1u, paths.size());
+    }
     err = o.call(uninitialized, this->tree.record(0), records, paths, true, 5, false);
     ASSERT_TRUE(err.IsError());
     EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());

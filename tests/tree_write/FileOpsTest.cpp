@@ -1,9 +1,7 @@
-// addFile, addFolder, removeFile and removeFolder on small trees.
+// addFile, addFolder and removeFile; removeFolder is in RemoveFolderTest.
 #include "tree_write/TreeWriteFixture.h"
 
 namespace {
-
-constexpr const char* kRemoveFolderSig = "CKoError WzScanDB::removeFolder(WzScanDBRecordBasePtr)";
 
 template <class Tree>
 using FileOpsTest = TreeWriteTest<Tree>;
@@ -46,7 +44,13 @@ TYPED_TEST(FileOpsTest, AddStampsDirectoryBitAndReferenceTime) {
 }
 
 TYPED_TEST(FileOpsTest, EmptyRecordArgumentsFailWith22AndWriteNothing) {
-  const WzScanDBRecordBasePtr none;
+  const WzScanDBRecordBasePtr none, some = this->root_;
+  for (auto [from, to] : {std::make_pair(none, some), std::make_pair(some, none)}) {
+    ExpectError(this->db_->renameByKey(from, to), EKoErrorKind::kErrNo, 22,
+                "One or both of the given records for Rename is NULL", 855);
+    ExpectError(this->db_->renameFile(from, to), EKoErrorKind::kErrNo, 22,
+                "One or both of the given records for Rename File is NULL", 904);
+  }
   ExpectError(this->db_->addFile(none), EKoErrorKind::kErrNo, 22,
               "The given record for Add File is NULL", 756);
   ExpectError(this->db_->addFolder(none), EKoErrorKind::kErrNo, 22,
@@ -71,50 +75,6 @@ TYPED_TEST(FileOpsTest, RemoveFileOnFolderRemovesOnlyThatRecord) {
   EXPECT_TRUE(this->IsStored("/music/live", true));
   EXPECT_EQ(1u, log->Find("File Record Removed : " + folder->toString()).size());
   EXPECT_TRUE(this->db_->removeFile(folder).IsSuccess());
-}
-
-// The sub-tree goes batch by batch until an empty one, then the folder;
-// neighbours sharing the name prefix stay.
-TYPED_TEST(FileOpsTest, RemoveFolderRemovesSubTreeAndNothingElse) {
-  WzScanDBRecordBasePtr empty = this->AddFolder("/empty");
-  WzScanDBRecordBasePtr full = this->AddFolder("/full");
-  this->AddFolder("/full/sub");
-  this->AddFile("/full/sub/deep.bin");
-  this->AddFile("/full/top.bin");
-  this->AddFolder("/fuller");
-  this->AddFile("/fuller/keep.bin");
-  this->AddFile("/full.bin");
-  LogAt log(6);
-
-  ASSERT_TRUE(this->db_->removeFolder(empty).IsSuccess());
-  EXPECT_EQ(1u, log->FindContaining("Filled the Buffer with").size());
-  log.ExpectOnce("Filled the Buffer with 0 Items from the getSubtree() function", 825, 6,
-                 kRemoveFolderSig);
-  log.ExpectOnce("Folder Record and its descendants Deleted : " + empty->toString(), 845);
-  EXPECT_EQ(8u, this->CountRecords());
-
-  log->Clear();
-  ASSERT_TRUE(this->db_->removeFolder(full).IsSuccess());
-  auto filled = log->FindContaining("Filled the Buffer with");
-  ASSERT_EQ(2u, filled.size());
-  EXPECT_EQ("Filled the Buffer with 3 Items from the getSubtree() function", filled[0].message);
-  EXPECT_EQ("Filled the Buffer with 0 Items from the getSubtree() function", filled[1].message);
-  EXPECT_EQ(839, filled[1].line);
-  EXPECT_EQ(4u, this->CountRecords());
-  EXPECT_TRUE(this->IsStored("/fuller", true));
-  EXPECT_TRUE(this->IsStored("/fuller/keep.bin", false));
-  EXPECT_TRUE(this->IsStored("/full.bin", false));
-  EXPECT_TRUE(this->Stored(this->root_));
-
-  // A folder that is not stored fails at the first sub-tree call.
-  WzScanDBRecordBasePtr absent = this->Make("/absent", true);
-  CKoError err = this->db_->removeFolder(absent);
-  ExpectError(err, EKoErrorKind::kErrNo, 2, "getSubTree(" + absent->toString() + ") Failed", 824);
-  EXPECT_EQ("The record " + absent->toString() +
-                " is not present in the database to retrieve a subtree",
-            err.GetOriginMessage());
-  EXPECT_STREQ(kRemoveFolderSig, err.GetFrames().back().location.function);
-  EXPECT_EQ(4u, this->CountRecords());
 }
 
 }  // namespace

@@ -63,14 +63,6 @@ TYPED_TEST(RenameTest, RenameByKeyAndRenameFile) {
   ExpectError(this->db_->renameFile(this->Make("/d/ghost", false), target), EKoErrorKind::kErrNo,
               2, "Cannot rename file since the file doesn't exist in the database.", 922);
   EXPECT_TRUE(this->Stored(target));
-
-  const WzScanDBRecordBasePtr none;
-  for (auto [from, to] : {std::make_pair(none, target), std::make_pair(stored, none)}) {
-    ExpectError(this->db_->renameByKey(from, to), EKoErrorKind::kErrNo, 22,
-                "One or both of the given records for Rename is NULL", 855);
-    ExpectError(this->db_->renameFile(from, to), EKoErrorKind::kErrNo, 22,
-                "One or both of the given records for Rename File is NULL", 904);
-  }
   EXPECT_EQ(5u, this->CountRecords());
 }
 
