@@ -88,17 +88,12 @@ TYPED_TEST(ChildrenTest, NamesSharingTheirKeyPrefixAreAllListed) {
 // children and time one READ_RECORD sample per record read, the record that
 // ends the run included.
 template <class RecordType>
-class CountingReads : public WzScanDB {
- public:
+struct CountingReads : WzScanDB {
   CountingReads() : WzScanDB(RecordType::Prototype()) {}
-  int getGTERecord(int index, void* key, void* buffer) override {
-    ++gte;
-    return WzScanDB::getGTERecord(index, key, buffer);
+  int getGTERecord(int i, void* key, void* out) override {
+    return ++gte, WzScanDB::getGTERecord(i, key, out);
   }
-  int nextRecord(int index, void* buffer) override {
-    ++next;
-    return WzScanDB::nextRecord(index, buffer);
-  }
+  int nextRecord(int i, void* out) override { return ++next, WzScanDB::nextRecord(i, out); }
   int gte = 0, next = 0;
 };
 

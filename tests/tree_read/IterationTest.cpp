@@ -84,13 +84,17 @@ TYPED_TEST_SUITE(IterationTest, TreeRecordTypes);
 
 // Three children: each comes once, by name, with its bare name as path; then
 // the end error, again on a further call, without touching the caller's
-// item; a new getFirstItem starts over.
-TYPED_TEST(IterationTest, ThreeChildrenThenTheEnd) {
+// item; a new getFirstItem starts over. A start without children (an empty
+// folder, a file) ends at once, leaving the caller's item and path alone; a
+// start that is not stored fails with the sub-tree error wrapped.
+TYPED_TEST(IterationTest, ShortWalksAndTheirEnds) {
   TreeModel& model = this->tree.model();
   const int start = model.addFolder(0, "start");
   model.addFile(start, "b");
   model.addFolder(start, "c");
   model.addFile(start, "a");
+  const int empty = model.addFolder(0, "empty");
+  const int file = model.addFile(0, "file");
   this->Store();
 
   LogAt log(6);
@@ -123,30 +127,18 @@ TYPED_TEST(IterationTest, ThreeChildrenThenTheEnd) {
 
   ASSERT_FALSE(this->db->getFirstItem(this->tree.record(start), item, path).IsError());
   EXPECT_EQ("a", path);
-}
 
-// A start without children (an empty folder, a file) ends at once, leaving
-// the caller's item and path alone; a start that is not stored fails with
-// the sub-tree error wrapped.
-TYPED_TEST(IterationTest, StartsWithoutItems) {
-  TreeModel& model = this->tree.model();
-  const int empty = model.addFolder(0, "empty");
-  const int file = model.addFile(0, "file");
-  this->Store();
-  for (int start : {empty, file}) {
-    WzScanDBRecordBasePtr item;
-    std::string path = "kept";
-    ExpectEndOfIteration(this->db->getFirstItem(this->tree.record(start), item, path),
+  for (int childless : {empty, file}) {
+    item.reset();
+    path = "kept";
+    ExpectEndOfIteration(this->db->getFirstItem(this->tree.record(childless), item, path),
                          kFirstSignature, 1541);
     ExpectEndOfIteration(this->db->getNextItem(item, path), kNextSignature, 1562);
     EXPECT_FALSE(item);
     EXPECT_EQ("kept", path);
   }
-
   WzScanDBRecordBasePtr absent = this->tree.record(model.addFolder(0, "ghost"));
-  WzScanDBRecordBasePtr item;
-  std::string path;
-  CKoError err = this->db->getFirstItem(absent, item, path);
+  err = this->db->getFirstItem(absent, item, path);
   ASSERT_TRUE(err.IsError());
   EXPECT_EQ(EKoErrorKind::kErrNo, err.GetKind());
   EXPECT_EQ(2, err.GetCode());

@@ -23,8 +23,7 @@ class TreeReadTest : public ::testing::Test {
     db = boost::make_shared<WzScanDB>(RecordType::Prototype());
     CKoError err = db->initialize(dir.path());
     ASSERT_FALSE(err.IsError()) << err.AsString();
-    err = tree.store(*db);
-    ASSERT_FALSE(err.IsError()) << err.AsString();
+    Store();
   }
   void TearDown() override { db->close(); }
 

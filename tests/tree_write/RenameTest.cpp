@@ -173,41 +173,11 @@ TYPED_TEST(RenameTest, RenameFolderMovesEverythingBelowItUnderNewKeys) {
   EXPECT_TRUE(namesUnreachable) << disconnected[0].message;
 }
 
-// A trailing delimiter on the old path builds the same item paths; an empty
-// folder moves alone; a folder that is not stored is error 2, nothing moves.
-TYPED_TEST(RenameTest, RenameFolderEdgeCases) {
-  this->AddFolder("/x");
-  this->AddFolder("/x/a");
-  this->AddFile("/x/a/f");
-  this->AddFolder("/e");
-  LogAt log(6);
-  ASSERT_TRUE(this->db_->renameFolder(this->Make("/x", true), this->Make("/y", true), "/x/", "/y")
-                  .IsSuccess());
-  EXPECT_EQ(1u, log->Find("Renaming path from : /x/a to /y/a/").size());
-  EXPECT_EQ(1u, log->Find("Renaming path from : /x/a/f to /y/a/f").size());
-  EXPECT_EQ(1u, log->Find("Renaming path from : /x/ to /y").size());
-  EXPECT_TRUE(this->IsStored("/y/a/f", false));
-
-  log->Clear();
-  ASSERT_TRUE(this->db_->renameFolder(this->Make("/e", true), this->Make("/e2", true), "/e", "/e2")
-                  .IsSuccess());
-  EXPECT_EQ(1u, log->FindContaining("Filled the Buffer with ").size());
-  EXPECT_FALSE(this->IsStored("/e", true));
-  EXPECT_TRUE(this->IsStored("/e2", true));
-  EXPECT_EQ(5u, this->CountRecords());
-
-  CKoError err =
-      this->db_->renameFolder(this->Make("/nope", true), this->Make("/z", true), "/nope", "/z");
-  ExpectError(err, EKoErrorKind::kErrNo, 2,
-              "Cannot rename folder /nope since the folder doesn't exist in the database", 944);
-  EXPECT_STREQ(kRenameFolderSig, err.GetFrames().back().location.function);
-  EXPECT_FALSE(this->IsStored("/z", true));
-  EXPECT_EQ(5u, this->CountRecords());
-}
-
 // A sub-tree larger than one batch: the rename goes on batch after batch
-// from the walk state, moving every item exactly once.
-TYPED_TEST(RenameTest, RenameFolderAcrossBatches) {
+// from the walk state, moving every item exactly once. A trailing delimiter
+// on the old path builds the same item paths. An empty folder moves alone; a
+// folder that is not stored is error 2, nothing moves.
+TYPED_TEST(RenameTest, RenameFolderAcrossBatchesAndEdgeCases) {
   constexpr int kFolders = 12, kFiles = 1000;
   this->AddFolder("/x");
   for (int f = 0; f < kFolders; ++f) {
@@ -216,10 +186,11 @@ TYPED_TEST(RenameTest, RenameFolderAcrossBatches) {
     for (int i = 0; i < kFiles; ++i) this->AddFile(folder + "/f" + std::to_string(i));
   }
   this->AddFile("/other");
+  this->AddFolder("/e");
   const size_t before = this->CountRecords();
   LogAt log(6);
   CKoError err =
-      this->db_->renameFolder(this->Make("/x", true), this->Make("/y", true), "/x", "/y");
+      this->db_->renameFolder(this->Make("/x", true), this->Make("/y", true), "/x/", "/y");
   ASSERT_TRUE(err.IsSuccess()) << err.AsString();
 
   // 12 folders, then 10 folders' files cross the bound of 10000; the rest follows.
@@ -231,9 +202,11 @@ TYPED_TEST(RenameTest, RenameFolderAcrossBatches) {
                 "Filled the Buffer with 2000 Items from the getSubtree function",
                 "Filled the Buffer with 0 Items from the getSubtree function"}),
             filled);
-  EXPECT_EQ(size_t(kFolders) * (kFiles + 1),
+  EXPECT_EQ(size_t(kFolders) * (kFiles + 1) + 1,  // every item, then the folder
             log->FindContaining("Renaming path from : /x/").size());
-
+  EXPECT_EQ(1u, log->Find("Renaming path from : /x/d7 to /y/d7/").size());
+  EXPECT_EQ(1u, log->Find("Renaming path from : /x/d7/f9 to /y/d7/f9").size());
+  EXPECT_EQ(1u, log->Find("Renaming path from : /x/ to /y").size());
   EXPECT_EQ(before, this->CountRecords());
   EXPECT_TRUE(this->IsStored("/y", true));
   EXPECT_TRUE(this->IsStored("/other", false));
@@ -245,6 +218,19 @@ TYPED_TEST(RenameTest, RenameFolderAcrossBatches) {
       moved += this->IsStored("/y" + suffix + "/f" + std::to_string(i), false);
   }
   EXPECT_EQ(size_t(kFolders) * (kFiles + 1), moved);
+
+  log->Clear();
+  ASSERT_TRUE(this->db_->renameFolder(this->Make("/e", true), this->Make("/e2", true), "/e", "/e2")
+                  .IsSuccess());
+  EXPECT_EQ(1u, log->FindContaining("Filled the Buffer with ").size());
+  EXPECT_FALSE(this->IsStored("/e", true));
+  EXPECT_TRUE(this->IsStored("/e2", true));
+  err = this->db_->renameFolder(this->Make("/nope", true), this->Make("/z", true), "/nope", "/z");
+  ExpectError(err, EKoErrorKind::kErrNo, 2,
+              "Cannot rename folder /nope since the folder doesn't exist in the database", 944);
+  EXPECT_STREQ(kRenameFolderSig, err.GetFrames().back().location.function);
+  EXPECT_FALSE(this->IsStored("/z", true));
+  EXPECT_EQ(before, this->CountRecords());
 }
 
 }  // namespace
