@@ -1,6 +1,7 @@
 // getPathFromRecord and getUpdatedRecords.
 
 #include <climits>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -80,52 +81,32 @@ TYPED_TEST(PathsTest, PathFromParentLinks) {
 // to, and every appended record is its own object.
 TYPED_TEST(PathsTest, UpdatedRecords) {
   TreeModel& model = this->tree.model();
-  std::vector<std::set<int>> stamped;  // nodes per reference time below
-  const unsigned long long times[] = {5, 10, 0xFFFFFFFFULL, 0x100000007ULL};
-  for (size_t t = 0; t < 4; ++t) {
-    const int folder = model.addFolder(0, "t" + std::to_string(t));
-    stamped.emplace_back(std::set<int>{folder});
-    for (int id : model.addFlat(folder, 20, "e", 4)) stamped.back().insert(id);
-    ASSERT_FALSE(this->tree.store(*this->db, times[t]).IsError());
+  std::map<int, unsigned long long> kept{{0, 0}};  // node -> the reference time it keeps
+  for (unsigned long long time : {5ULL, 10ULL, 0xFFFFFFFFULL, 0x100000007ULL}) {
+    const int folder = model.addFolder(0, "t" + std::to_string(time));
+    kept[folder] = time & 0xFFFFFFFFULL;
+    for (int id : model.addFlat(folder, 20, "e", 4)) kept[id] = time & 0xFFFFFFFFULL;
+    ASSERT_FALSE(this->tree.store(*this->db, time).IsError());
   }
-  auto nodes = [&](const std::vector<WzScanDBRecordBasePtr>& records, size_t from) {
-    std::set<int> ids;
-    for (size_t i = from; i < records.size(); ++i) ids.insert(this->tree.nodeOf(records[i]));
-    return ids;
-  };
-  auto union_of = [&](std::initializer_list<size_t> which) {
-    std::set<int> ids;
-    for (size_t t : which) ids.insert(stamped[t].begin(), stamped[t].end());
-    return ids;
-  };
 
-  std::vector<WzScanDBRecordBasePtr> records;
-  ASSERT_FALSE(this->db->getUpdatedRecords(&records, 0).IsError());
-  EXPECT_EQ(static_cast<size_t>(model.size()), records.size());
-  std::set<int> all = union_of({0, 1, 2, 3});
-  all.insert(0);
-  EXPECT_EQ(all, nodes(records, 0));
-
-  // 6: the records stamped 10, 0xFFFFFFFF and 0x100000007 (kept as 7).
-  const WzScanDBRecordBasePtr first = this->tree.record(0), second = this->tree.record(1);
-  records = {first, second};
-  ASSERT_FALSE(this->db->getUpdatedRecords(&records, 6).IsError());
-  ASSERT_GE(records.size(), 2u);
-  EXPECT_EQ(first.get(), records[0].get());
-  EXPECT_EQ(second.get(), records[1].get());
-  EXPECT_EQ(union_of({1, 2, 3}), nodes(records, 2));
-  std::set<const void*> objects;
-  for (const auto& each : records) objects.insert(each.get());
-  EXPECT_EQ(records.size(), objects.size());
-  for (size_t i = 2; i < records.size(); ++i) EXPECT_LE(6u, records[i]->getRefTime());
-
-  records.clear();
-  ASSERT_FALSE(this->db->getUpdatedRecords(&records, 0xFFFFFFFFULL).IsError());
-  EXPECT_EQ(union_of({2}), nodes(records, 0));
-  records = {first};
-  ASSERT_FALSE(this->db->getUpdatedRecords(&records, ULLONG_MAX).IsError());
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ(first.get(), records[0].get());
+  const WzScanDBRecordBasePtr first = this->tree.record(0);
+  for (unsigned long long at : {0ULL, 6ULL, 0xFFFFFFFFULL, ULLONG_MAX}) {
+    SCOPED_TRACE(at);
+    std::set<int> expected, found;
+    for (const auto& [id, time] : kept)
+      if (time >= at) expected.insert(id);
+    std::vector<WzScanDBRecordBasePtr> records{first};
+    ASSERT_FALSE(this->db->getUpdatedRecords(&records, at).IsError());
+    ASSERT_EQ(expected.size() + 1, records.size());
+    EXPECT_EQ(first.get(), records[0].get());
+    std::set<const void*> objects;
+    for (const auto& each : records) {
+      objects.insert(each.get());
+      if (each != first) found.insert(this->tree.nodeOf(each));
+    }
+    EXPECT_EQ(expected, found);
+    EXPECT_EQ(records.size(), objects.size());
+  }
 }
 
 // The backup-time record's change time stands in for its reference time; a
