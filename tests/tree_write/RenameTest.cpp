@@ -97,7 +97,9 @@ const Item kItems[] = {
 // connected and validateTree finds it consistent.
 TYPED_TEST(RenameTest, RenameFolderMovesEverythingBelowItUnderNewKeys) {
   WzScanDBRecordBasePtr oldFolder = this->Add("/x", true, 10);
-  for (const Item& item : kItems) this->Add(item.oldPath, item.isDir, item.size);
+  // The children of /x carry the visited bit (they stay reachable, see above).
+  for (const Item& item : kItems)
+    this->Add(item.oldPath, item.isDir, item.size, item.size < 14 ? kRecordFlagVisited : 0);
   this->AddFolder("/xx");
   this->AddFile("/xx/h");
   WzScanDBRecordBasePtr newFolder = this->Make("/y", true);
@@ -118,7 +120,8 @@ TYPED_TEST(RenameTest, RenameFolderMovesEverythingBelowItUnderNewKeys) {
     EXPECT_FALSE(this->IsStored(item.oldPath, item.isDir));
     WzScanDBRecordBasePtr stored = this->Stored(this->Make(item.newPath, item.isDir));
     ASSERT_TRUE(stored);
-    EXPECT_EQ(item.isDir, stored->isDir());
+    EXPECT_EQ((item.isDir ? kRecordFlagDirectory : 0) | (item.size < 14 ? kRecordFlagVisited : 0),
+              stored->getFlags());
     EXPECT_EQ(kRenameTime, stored->getRefTime());
     EXPECT_EQ(TypeParam::kCarriesStatus ? item.size : 0u, this->StatSize(stored));
   }

@@ -103,34 +103,32 @@ TYPED_TEST(ValidateTest, DisconnectedRecordsGiveOneLine) {
 
 // printStats counts the root's descendants on stdout and leaves every
 // reachable record marked; an unreachable one is neither counted nor marked.
-TYPED_TEST(ValidateTest, PrintStatsCountsDescendantsAndLeavesThemMarked) {
+// Without the root, printStats and validateTree fail at the walk, each in
+// its own words.
+TYPED_TEST(ValidateTest, PrintStatsAndAMissingRoot) {
   this->BuildSmallTree();
   this->AddFile("/lost/orphan");
-  testing::internal::CaptureStdout();
-  CKoError err = this->db_->printStats();
-  const std::string out = testing::internal::GetCapturedStdout();
+  CKoError err;
+  auto printStats = [&] {
+    testing::internal::CaptureStdout();
+    err = this->db_->printStats();
+    return testing::internal::GetCapturedStdout();
+  };
+  EXPECT_EQ("\nTotal Number of Records : 8 , Number of Directories : 3  , Number of Files : 5 \n",
+            printStats());
   ASSERT_TRUE(err.IsSuccess()) << err.AsString();
-  EXPECT_EQ(
-      "\nTotal Number of Records : 8 , Number of Directories : 3  , Number of Files : 5 \n", out);
   EXPECT_EQ(9u, this->Marked());
   EXPECT_FALSE(this->Stored(this->Make("/lost/orphan", false))->getFlags() & kRecordFlagVisited);
   EXPECT_TRUE(this->Stored(this->root_)->getFlags() & kRecordFlagVisited);
-}
 
-// Without the root both fail at the walk, each in its own words.
-TYPED_TEST(ValidateTest, MissingRootFailsValidateAndPrintStats) {
-  this->BuildSmallTree();
   ASSERT_TRUE(this->db_->removeFile(this->root_).IsSuccess());
   bool consistent = false;
   ExpectError(this->db_->validateTree(consistent), EKoErrorKind::kErrNo, 2,
               "getSubtree(" + this->db_->getRoot()->toString() + ") with validate = true Failed",
               1048);
   EXPECT_TRUE(consistent);
-
   LogAt log(0);
-  testing::internal::CaptureStdout();
-  CKoError err = this->db_->printStats();
-  const std::string out = testing::internal::GetCapturedStdout();
+  const std::string out = printStats();
   ExpectError(err, EKoErrorKind::kErrNo, 2,
               "Couldn't get the subtree to print the stats of the database", 476);
   EXPECT_STREQ("CKoError WzScanDB::printStats()", err.GetFrames().back().location.function);
