@@ -6,7 +6,7 @@
 # run with: ctest --preset asan --label-exclude slow.
 # Both test passes run even when the first fails; the exit status is
 # non-zero when either failed. Builds use at most 2 jobs (CMakePresets.json).
-# From a clean clone on an otherwise idle 2-core machine: about 10 minutes
+# From a clean clone on an otherwise idle 2-core machine: about 13 minutes
 # for both builds and both test passes together.
 set -euo pipefail
 cd "$(dirname "$0")/.."
