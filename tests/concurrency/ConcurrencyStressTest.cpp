@@ -28,6 +28,7 @@
 #include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
 #include "support/TempDir.h"
+#include "support/LogAt.h"
 
 namespace {
 
@@ -78,10 +79,7 @@ std::set<std::string> WalkFromRoot(const WzScanDBPtr& db) {
 class ConcurrencyStressTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("WZ_SETTINGS_FILE");
-    g_ptrLogWriter->SetNone();
-    g_ptrLogWriter->SetLevel(0);
-    capture = CLogCapture::Install();
+    capture = InstallQuietCapture(0);
 
     WzScanDBRecordPtr prototype;
     CreateGlusterEmptyRecordObject(prototype);

@@ -19,6 +19,7 @@
 #include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
 #include "support/TempDir.h"
+#include "support/LogAt.h"
 
 namespace coretest {
 
@@ -53,10 +54,7 @@ inline bool Find(WzScanDB& db, WzScanDBRecordBasePtr probe, int index = 0, bool 
 class CoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("WZ_SETTINGS_FILE");
-    g_ptrLogWriter->SetNone();
-    g_ptrLogWriter->SetLevel(7);
-    capture = CLogCapture::Install();
+    capture = InstallQuietCapture(7);
   }
   void TearDown() override {
     capture->Remove();

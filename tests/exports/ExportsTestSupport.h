@@ -17,6 +17,7 @@
 #include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
 #include "support/TempDir.h"
+#include "support/LogAt.h"
 
 namespace exportstest {
 
@@ -57,10 +58,7 @@ inline WzScanDBPtr NewHandle() {
 class ExportsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("WZ_SETTINGS_FILE");
-    g_ptrLogWriter->SetNone();
-    g_ptrLogWriter->SetLevel(0);
-    capture = CLogCapture::Install();
+    capture = InstallQuietCapture(0);
   }
   void TearDown() override {
     capture->Remove();

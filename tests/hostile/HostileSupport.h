@@ -23,6 +23,7 @@
 #include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
 #include "support/TempDir.h"
+#include "support/LogAt.h"
 
 namespace hostile {
 
@@ -89,10 +90,7 @@ inline ::testing::AssertionResult SameImages(const std::vector<std::string>& act
 class HostileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    unsetenv("WZ_SETTINGS_FILE");
-    g_ptrLogWriter->SetNone();
-    g_ptrLogWriter->SetLevel(0);
-    capture = CLogCapture::Install();
+    capture = InstallQuietCapture(0);
   }
   void TearDown() override { capture->Remove(); }
 

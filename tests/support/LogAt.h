@@ -10,6 +10,8 @@
 // Not thread-safe itself; the capture is.
 #pragma once
 
+#include <stdlib.h>
+
 #include <memory>
 #include <string>
 
@@ -50,3 +52,12 @@ class LogAt {
   int saved_;
   std::shared_ptr<CLogCapture> capture_ = CLogCapture::Install();
 };
+
+// For a fixture's SetUp: no settings file, the log written nowhere but to the
+// returned capture, at `level`. The caller removes the capture when done.
+inline std::shared_ptr<CLogCapture> InstallQuietCapture(int level) {
+  unsetenv("WZ_SETTINGS_FILE");
+  g_ptrLogWriter->SetNone();
+  g_ptrLogWriter->SetLevel(level);
+  return CLogCapture::Install();
+}
