@@ -128,14 +128,13 @@ class Verifier {
   bool run(const uint8_t* meta) {
     const Tree freeTree{Role::kFreePages, "free-page", 0, Order::kInteger, Order::kBytes, 0};
     const Tree mainTree{Role::kMain, "main", 0, Order::kBytes, Order::kBytes, 0};
-    DbRecord freeDb = loadDb(meta + kMetaFreeDbAt);
-    freeDb.pad = 0;  // the free database's pad holds the page size
+    const DbRecord freeDb = loadDb(meta + kMetaFreeDbAt);  // its pad holds the page size
+    const DbRecord mainDb = loadDb(meta + kMetaMainDbAt);
     if (freeDb.flags != kIntegerKey) return fail("the free-page database has flags 0x%x", freeDb.flags);
-    if (loadDb(meta + kMetaMainDbAt).flags != 0)
-      return fail("the main database has flags 0x%x", loadDb(meta + kMetaMainDbAt).flags);
+    if (mainDb.flags != 0) return fail("the main database has flags 0x%x", mainDb.flags);
     Counts ignored;
-    return checkDatabase(freeDb, freeTree, ignored) &&
-           checkDatabase(loadDb(meta + kMetaMainDbAt), mainTree, ignored) && checkFreePages();
+    return checkDatabase(freeDb, freeTree, ignored) && checkDatabase(mainDb, mainTree, ignored) &&
+           checkFreePages();
   }
 
   const std::string& reason() const { return reason_; }
