@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(
   cmake ninja-build g++ pkg-config git
-  libboost-dev liblmdb-dev libssl-dev
+  libboost-dev liblmdb-dev libssl-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
   libsqlite3-dev
   clang libclang-rt-14-dev   # libFuzzer targets and sanitizer runtimes
