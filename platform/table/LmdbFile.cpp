@@ -9,6 +9,7 @@
 #include <cstring>
 #include <cstdio>
 
+#include "ForkSafety.h"
 #include "LmdbVerifier.h"
 #include "runtime/FXFile.h"
 #include "table/TableStatus.h"
@@ -31,6 +32,7 @@ int statusFromErrno(int err) {
     case ENOSPC:
     case EFBIG:
     case EDQUOT: return TBL_FILE_FULL;
+    case ENOMEM: return TBL_NO_MEMORY;
     default: return TBL_IO_ERROR;
   }
 }
@@ -61,10 +63,13 @@ int LmdbFile::openFile(const std::string& path, bool create, bool readOnly) {
   path_ = path;
   readOnly_ = readOnly && !create;
   created_ = create;
-  int flags = O_CLOEXEC | O_NOFOLLOW | (readOnly_ ? O_RDONLY : O_RDWR);
+  // O_NONBLOCK: opening a FIFO planted under the file's name must not hang;
+  // it is refused below as not a regular file.
+  int flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | (readOnly_ ? O_RDONLY : O_RDWR);
   if (create) flags |= O_CREAT | O_EXCL;
   fd_ = ::open(path.c_str(), flags, create ? FXFile::CreatedFileMode() : 0);
   if (fd_ < 0) return statusFromErrno(errno);
+  closeInForkChildren(fd_);
   struct stat st;
   if (fstat(fd_, &st) != 0) return TBL_IO_ERROR;
   if (!S_ISREG(st.st_mode)) return TBL_BAD_FORMAT;
@@ -72,12 +77,9 @@ int LmdbFile::openFile(const std::string& path, bool create, bool readOnly) {
   return TBL_OK;
 }
 
-int LmdbFile::lock(bool exclusive) {
-  if (flock(fd_, (exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) return TBL_OK;
-  return errno == EWOULDBLOCK ? TBL_IN_USE : TBL_IO_ERROR;
+int LmdbFile::validate(std::string* reason, bool deep) const {
+  return verifyLmdbFile(fd_, reason, deep);
 }
-
-int LmdbFile::validate(std::string* reason) const { return verifyLmdbFile(fd_, reason); }
 
 int LmdbFile::preallocate(uint64_t size) {
   int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));
@@ -91,31 +93,51 @@ int LmdbFile::preallocate(uint64_t size) {
   return statusFromErrno(rc);
 }
 
-int LmdbFile::openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap) {
-  growStep_ = growStep;
-  sizeCap_ = sizeCap;
+int LmdbFile::mapEnv(size_t mapSize) {
   int rc = mdb_env_create(&env_);
   if (rc != 0) {
     env_ = nullptr;
     return statusFromMdb(rc);
   }
-  const uint64_t size = fileSize();
-  uint64_t mapSize = readOnly_ ? roundUp(size ? size : 1, 4096) : roundUp(size, kMiB) + kMiB;
-  if (!readOnly_ && sizeCap_ && mapSize > sizeCap_) mapSize = sizeCap_ > size ? sizeCap_ : size;
-  mapSize_ = static_cast<size_t>(mapSize);
-  mdb_env_set_maxdbs(env_, maxDbs);
+  mapSize_ = mapSize;
+  mdb_env_set_maxdbs(env_, maxDbs_);
   mdb_env_set_mapsize(env_, mapSize_);
+  // Read-write commits are synced by LMDB itself: the data pages, then the
+  // meta page. The table commits rarely (at checkpoints), so a commit that
+  // reaches the disk is what a power loss must find intact.
   unsigned flags = MDB_NOSUBDIR | MDB_NOLOCK;
-  flags |= readOnly_ ? MDB_RDONLY : (MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC);
+  flags |= readOnly_ ? MDB_RDONLY : MDB_WRITEMAP;
   const std::string procPath = "/proc/self/fd/" + std::to_string(fd_);
   rc = mdb_env_open(env_, procPath.c_str(), flags, 0600);
-  if (rc != 0) return statusFromMdb(rc);
-  // LMDB sizes a new file itself (it must find it empty); the blocks of the
-  // map are claimed once it is open.
-  return readOnly_ ? TBL_OK : preallocate(mapSize_);
+  if (rc != 0) {
+    mdb_env_close(env_);
+    env_ = nullptr;
+    return statusFromMdb(rc);
+  }
+  return TBL_OK;
+}
+
+int LmdbFile::openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap) {
+  growStep_ = growStep;
+  sizeCap_ = sizeCap;
+  maxDbs_ = maxDbs;
+  const uint64_t size = fileSize();
+  if (size == 0) {
+    // A new file: LMDB writes its meta pages itself (it must find the file
+    // empty); the blocks of the first map are claimed once it is open.
+    uint64_t mapSize = kMiB;
+    if (sizeCap_ && mapSize > sizeCap_) mapSize = sizeCap_;
+    int status = mapEnv(static_cast<size_t>(mapSize));
+    return status != TBL_OK || readOnly_ ? status : preallocate(mapSize_);
+  }
+  // An existing file is mapped as it is: opening claims no disk space, so a
+  // table on a full disk still opens (and reads), and writes fail only when
+  // they need room the disk does not have.
+  return mapEnv(static_cast<size_t>(roundUp(size, 4096)));
 }
 
 int LmdbFile::grow(size_t minExtra) {
+  if (!env_) return TBL_IO_ERROR;
   uint64_t step = growStep_;
   if (step < mapSize_ / 8) step = mapSize_ / 8;
   if (step < minExtra) step = minExtra;
@@ -130,14 +152,24 @@ int LmdbFile::grow(size_t minExtra) {
       continue;
     }
     if (status != TBL_OK) return status;
+    // The blocks are there, so LMDB's own ftruncate to the new size cannot
+    // fail; the new map can (no address space). LMDB leaves the environment
+    // without a map then: it is reopened at the old size, or closed.
     int rc = mdb_env_set_mapsize(env_, static_cast<size_t>(newSize));
-    if (rc != 0) return statusFromMdb(rc);
-    mapSize_ = static_cast<size_t>(newSize);
-    return TBL_OK;
+    if (rc == 0) {
+      mapSize_ = static_cast<size_t>(newSize);
+      return TBL_OK;
+    }
+    const size_t oldSize = mapSize_;
+    mdb_env_close(env_);
+    env_ = nullptr;
+    mapEnv(oldSize);
+    return statusFromMdb(rc);
   }
 }
 
 int LmdbFile::ensureRoom(size_t bytes) {
+  if (!env_) return TBL_IO_ERROR;
   MDB_envinfo info;
   MDB_stat stat;
   if (mdb_env_info(env_, &info) != 0 || mdb_env_stat(env_, &stat) != 0) return TBL_IO_ERROR;
@@ -163,7 +195,7 @@ int LmdbFile::close() {
   if (env_) {
     uint64_t used = 0;
     if (!readOnly_) {
-      if (mdb_env_sync(env_, 1) != 0) status = TBL_IO_ERROR;
+      // Every commit was synced; only the file's length is left to settle.
       MDB_envinfo info;
       MDB_stat stat;
       if (mdb_env_info(env_, &info) == 0 && mdb_env_stat(env_, &stat) == 0)
@@ -177,6 +209,7 @@ int LmdbFile::close() {
     }
   }
   if (fd_ >= 0) {
+    keepInForkChildren(fd_);
     ::close(fd_);
     fd_ = -1;
   }
@@ -191,6 +224,7 @@ void LmdbFile::abandon() {
   if (fd_ >= 0) {
     if (!readOnly_ && !created_ && fileSize() != originalSize_)
       (void)!ftruncate(fd_, static_cast<off_t>(originalSize_));
+    keepInForkChildren(fd_);
     ::close(fd_);
     fd_ = -1;
   }

@@ -1,16 +1,20 @@
 // LmdbFile: one table file, held as one LMDB environment in a single file
-// (no sub-directory, no lock file: the table serialises its own access).
+// (no sub-directory, no LMDB lock file: FileLocks.h coordinates writers and
+// readers).
 //
-// The file is opened by the engine first (no symlinks followed, close-on-exec)
-// and LMDB is handed that very file through /proc/self/fd, so the path cannot
-// be swapped in between. The map grows on demand: grow() allocates the disk
-// blocks first (so a full disk is an error status, never a SIGBUS on a page
-// of the map) and then enlarges the map. close() flushes the map and cuts the
-// file back to the pages in use, so files stay proportional to their content.
+// The file is opened by the engine first (no symlinks followed, close-on-exec,
+// never blocking on a FIFO) and LMDB is handed that very file through
+// /proc/self/fd, so the path cannot be swapped in between. A read-write
+// environment commits with LMDB's full sync (data pages, then the meta page).
+// The map starts at the file's size, so opening needs no disk space, and
+// grows on demand: grow() allocates the disk blocks first (so a full disk is
+// an error status, never a SIGBUS on a page of the map) and then enlarges the
+// map; if the larger map cannot be made (no address space), the environment
+// is reopened at its old size, or closed when even that fails. close() cuts
+// the file back to the pages in use, so files stay proportional to their
+// content.
 //
-// Not thread-safe. With MDB_NOLOCK no read transaction may stay open across a
-// write, and none may be active when the map grows: callers keep every
-// transaction short.
+// Not thread-safe. No transaction may be active when the map grows.
 #pragma once
 
 #include <lmdb.h>
@@ -36,20 +40,22 @@ class LmdbFile {
   // TBL_FILE_MISSING / TBL_FILE_EXISTS / TBL_BAD_FORMAT (not a regular file,
   // a symlink) / TBL_IO_ERROR.
   int openFile(const std::string& path, bool create, bool readOnly);
-  // Non-blocking advisory lock on the file: TBL_IN_USE when held elsewhere.
-  int lock(bool exclusive);
-  // Checks every page of an existing file that LMDB could follow (see
-  // LmdbVerifier.h), before LMDB maps it. TBL_BAD_FORMAT with `reason`.
-  int validate(std::string* reason) const;
+  // Checks the file before LMDB maps it (LmdbVerifier.h): every page LMDB
+  // could follow with `deep`, else the meta pages, the main and free-page
+  // trees and the roots of the named databases. TBL_BAD_FORMAT with `reason`.
+  int validate(std::string* reason, bool deep) const;
   // Opens the environment. `growStep` is the map growth step in bytes and
   // `sizeCap` the largest file allowed (0: no cap).
   int openEnv(unsigned maxDbs, size_t growStep, uint64_t sizeCap);
+  // The file now lives under `path` (after a rename).
+  void renamed(const std::string& path) { path_ = path; }
   // Enlarges the map by the growth step (at least `minExtra` bytes).
   // TBL_FILE_FULL past the cap or when the disk refuses the blocks.
   int grow(size_t minExtra = 0);
-  // Grows the map when fewer than `bytes` lie past the last page in use, so
-  // that a following small transaction cannot run out of room.
+  // Grows the map when fewer than `bytes` lie past the last page in use.
   int ensureRoom(size_t bytes);
+  // The growth step: the configured step or 1/8 of the map, the larger.
+  size_t growStep() const { return growStep_ > mapSize_ / 8 ? growStep_ : mapSize_ / 8; }
   // Flushes and closes the environment, cuts the file to its used size and
   // closes the file (which drops the lock). Safe to call twice.
   int close();
@@ -66,6 +72,9 @@ class LmdbFile {
 
  private:
   int preallocate(uint64_t size);
+  int mapEnv(size_t mapSize);
+
+  unsigned maxDbs_ = 0;
 
   std::string path_;
   int fd_ = -1;

@@ -122,8 +122,8 @@ struct Counts {
 
 class Verifier {
  public:
-  Verifier(const uint8_t* map, uint64_t pages, uint32_t pageSize)
-      : map_(map), pages_(pages), pageSize_(pageSize), seen_((pages + 63) / 64, 0) {}
+  Verifier(const uint8_t* map, uint64_t pages, uint32_t pageSize, bool deep)
+      : map_(map), pages_(pages), pageSize_(pageSize), deep_(deep), seen_((pages + 63) / 64, 0) {}
 
   bool run(const uint8_t* meta) {
     const Tree freeTree{Role::kFreePages, "free-page", 0, Order::kInteger, Order::kBytes, 0};
@@ -416,6 +416,13 @@ class Verifier {
     const Order keys = (db.flags & kIntegerKey) ? Order::kInteger : Order::kBytes;
     const Order duplicates = (db.flags & kIntegerDup) ? Order::kInteger : Order::kBytes;
     const Tree named{Role::kNamed, "named", db.flags, keys, duplicates, 0};
+    if (!deep_) {
+      // The quick form stops at the root: it must lie inside the file.
+      if (db.root != kNoPage && (db.root < kFirstTreePage || db.root >= pages_))
+        return fail("page %llu: a named database whose root page %llu lies outside pages 2..%llu",
+                    ull(pgno), ull(db.root), ull(pages_ - 1));
+      return true;
+    }
     Counts ignored;
     return checkDatabase(db, named, ignored);
   }
@@ -483,7 +490,8 @@ class Verifier {
       uint64_t previous = kNoPage;
       for (uint64_t i = 0; i < list.second; ++i) {
         const uint64_t pgno = load<uint64_t>(list.first + i * sizeof(uint64_t));
-        if (pgno < kFirstTreePage || pgno >= pages_ || seen(pgno))
+        // (The quick form has not walked the named trees: it checks the range.)
+        if (pgno < kFirstTreePage || pgno >= pages_ || (deep_ && seen(pgno)))
           return fail("free page %llu is outside the file or in use", ull(pgno));
         if (pgno >= previous) return fail("the free-page list is not in descending order");
         previous = pgno;
@@ -496,6 +504,7 @@ class Verifier {
   const uint8_t* map_;
   uint64_t pages_;
   uint32_t pageSize_;
+  bool deep_;
   std::vector<uint64_t> seen_;
   std::vector<std::pair<const uint8_t*, uint64_t>> freeLists_;
   std::vector<std::vector<Key>> spareKeys_;
@@ -509,7 +518,7 @@ int badFormat(std::string* reason, const char* text) {
 
 }  // namespace
 
-int verifyLmdbFile(int fd, std::string* reason) {
+int verifyLmdbFile(int fd, std::string* reason, bool deep) {
   struct stat st;
   if (fstat(fd, &st) != 0) return TBL_IO_ERROR;
   const uint64_t size = static_cast<uint64_t>(st.st_size);
@@ -541,9 +550,9 @@ int verifyLmdbFile(int fd, std::string* reason) {
 
   const uint64_t pages = lastPage + 1;
   const size_t mapBytes = static_cast<size_t>(pages * pageSize);
-  void* map = mmap(nullptr, mapBytes, PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
+  void* map = mmap(nullptr, mapBytes, PROT_READ, MAP_SHARED | (deep ? MAP_POPULATE : 0), fd, 0);
   if (map == MAP_FAILED) return TBL_IO_ERROR;
-  Verifier verifier(static_cast<const uint8_t*>(map), pages, pageSize);
+  Verifier verifier(static_cast<const uint8_t*>(map), pages, pageSize, deep);
   const bool sound = verifier.run(current);
   munmap(map, mapBytes);
   if (sound) return TBL_OK;

@@ -13,9 +13,14 @@
 // that passes can be handed to LMDB: nothing LMDB follows from it is outside
 // what was checked.
 //
+// The quick form checks only what an open of a file closed cleanly must trust
+// before it reads its own records: the meta pages, the main and free-page
+// trees, and the root page numbers of the named databases; it reads a few
+// pages, whatever the file's size.
+//
 // Only the layout of LMDB 0.9 on 64-bit little-endian machines is accepted,
 // with the database flags this engine uses. Thread-safe (no shared state).
-// Costs one read of every page in use; memory: one bit per page.
+// The full check costs one read of every page in use; memory: one bit per page.
 #pragma once
 
 #include <cstdint>
@@ -23,9 +28,9 @@
 
 namespace wztable {
 
-// Checks the LMDB file open at `fd`. TBL_OK, or TBL_BAD_FORMAT with `reason`
-// (when not null) saying what is wrong and on which page, or TBL_IO_ERROR
-// when the file cannot be read.
-int verifyLmdbFile(int fd, std::string* reason);
+// Checks the LMDB file open at `fd`, every page (`deep`) or the quick form.
+// TBL_OK, or TBL_BAD_FORMAT with `reason` (when not null) saying what is
+// wrong and on which page, or TBL_IO_ERROR when the file cannot be read.
+int verifyLmdbFile(int fd, std::string* reason, bool deep = true);
 
 }  // namespace wztable

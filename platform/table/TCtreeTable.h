@@ -20,40 +20,67 @@
 // segments that do not add up to the key length: TBL_BAD_SCHEMA.
 //
 // Files. create() makes both files (mode 0600, or the setting nWzScanDBFileMode
-// of section ~FileSystemAgent: FXFile::CreatedFileMode(); never through a symlink;
-// TBL_FILE_EXISTS when either exists) and leaves the table open. open(1) opens
-// them read-write, open(2) read-only. It answers TBL_FILE_MISSING when either
-// is absent, TBL_ACCESS_DENIED (create too) when the process may not open or
-// make them (permissions, a read-only file system), TBL_BAD_FORMAT for
-// anything that is not a table file of this engine (checked before LMDB maps
-// it; pages past the two meta pages are trusted), TBL_SCHEMA_MISMATCH when the files hold
-// another schema, TBL_FILES_MISMATCH when the index file belongs to another
-// table (each create() stamps both files with one random table id); a failed
-// open leaves the files as they were. An index file that is behind its data
-// file (a process died between the two commits of a write) or whose indexing
-// was left suspended is rebuilt by open(), which logs a line at level 0; if a
-// unique index meets a duplicate key, open() still succeeds with indexing
-// suspended (level -1 line): delete the duplicates through the physical order
-// and call resumeIndexingAndRebuild(). A read-only open does not rebuild; its
-// index reads then answer TBL_INDEX_SUSPENDED.
+// of section ~FileSystemAgent: FXFile::CreatedFileMode(); never through a symlink)
+// and leaves the table open. It builds them under temporary names and names
+// the data file last, under a creation lock on the directory: a process
+// killed during create() leaves no data file, and the next create() clears
+// what it left (an index file or a log without its data file). A create()
+// that finds the data file answers TBL_IN_USE while another table object
+// holds it open, TBL_FILE_EXISTS otherwise. open(1) opens the files
+// read-write, open(2) read-only. It answers TBL_FILE_MISSING when either is
+// absent, TBL_ACCESS_DENIED (create too) when the process may not open or make
+// them (permissions, a read-only file system), TBL_BAD_FORMAT for anything
+// that is not a table file of this engine, TBL_SCHEMA_MISMATCH when the files
+// hold another schema, TBL_FILES_MISMATCH when the index file or the log
+// belongs to another table (each create() stamps both files with one random
+// table id); a failed open leaves the files as they were. Before LMDB maps a
+// file, open() checks its pages (LmdbVerifier.h): every page when the files
+// were not closed cleanly (a log was left behind) or when setVerifyOnOpen(true)
+// or the setting nWzScanDBCheckPagesOnOpen asks for it; otherwise only what
+// the open itself reads (meta pages, main and free-page trees), a few pages
+// whatever the size. An index file whose writes stop short of the data
+// file's, or whose indexing was left suspended, is rebuilt by open(), which
+// logs a line at level 0; if a unique index meets a duplicate key, open()
+// still succeeds with indexing suspended (level -1 line): delete the
+// duplicates through the physical order and call resumeIndexingAndRebuild().
+// A read-only open does not rebuild; its index reads then answer
+// TBL_INDEX_SUSPENDED.
 //
-// Size. The map grows on demand by max(hugeFileIncr() MiB, 1/8 of its size);
-// the disk blocks are claimed before the map grows, so a full disk or a file
-// size limit gives TBL_FILE_FULL, never a signal on a page of the map (the
-// process should ignore SIGXFSZ so that a file size limit is an error status).
+// Writers and readers. One table object at a time opens the files read-write
+// (another answers TBL_IN_USE); any number open them read-only meanwhile, in
+// this process or others, and read the table as of the writer's last
+// checkpoint (below). A read-only open of files whose writer was killed reads
+// them as last committed, without the log (the next read-write open replays
+// it).
+//
+// Size. The map starts at the file's size (an open needs no disk space: a
+// table on a full disk opens, and reads) and grows on demand by
+// max(hugeFileIncr() MiB, 1/8 of its size); the disk blocks are claimed
+// before the map grows, so a full disk or a file size limit gives
+// TBL_FILE_FULL, never a signal on a page of the map (the process should
+// ignore SIGXFSZ so that a file size limit is an error status), and a map the
+// address space cannot take gives TBL_NO_MEMORY with the table still usable.
 // Without createHugeFile() each file is capped at 4 GiB (TBL_FILE_FULL past
-// it); with it, only the disk limits the files. close() cuts both files back to
-// the pages in use, so closed files stay proportional to their content.
+// it); with it, only the disk limits the files. close() cuts both files back
+// to the pages in use, so closed files stay proportional to their content.
 //
-// Durability: every write commits before it returns (data file first, then
-// the index file). A killed process loses no operation that returned success
-// and never leaves files that cannot be opened; an index file left behind the
-// data file is rebuilt by open(). Commits are not flushed one by one (the
-// pages reach the disk when the kernel writes them back): after a power loss
-// or OS crash, writes since the last close() may be lost and a file may be
-// damaged, which open() answers with TBL_BAD_FORMAT where it can tell. close()
-// flushes both files; a backup engineer who needs a power-safe point closes
-// the table.
+// Durability. Every write is appended to the table's write-ahead log,
+// <name>.log, with one write() before it returns, and changes the two files
+// inside LMDB transactions that span many writes; a checkpoint commits them
+// (each file synced: its data pages, then its meta page) when the log passes
+// nWzScanDBLogLimitMiB (default 64), at close() and before index maintenance.
+// A process killed at any point loses no write that returned success: the
+// next read-write open replays the log. The log is flushed to the disk every
+// nWzScanDBSyncIntervalMs milliseconds (default 1000; 0 flushes every write
+// before it returns): after a power loss or an OS crash the table opens with
+// every write older than the last flush, and loses at most the writes of the
+// last interval. Nothing that failed is ever replayed. A failed flush or
+// checkpoint writes a line at level -1; the next write and close() answer its
+// status (the table stays at its last durable point, and keeps its log for
+// the next open). After a clean close() exactly the two files remain. Writes
+// made inside a BulkWrites scope reach the log together when the scope ends
+// (a kill before that may lose them): for operations that change many records
+// and are not atomic anyway.
 //
 // Current record: every successful read (bypass mode off) makes the record it
 // returns current; a failed read leaves it where it was; addRecord does not
@@ -81,10 +108,11 @@
 // merge's read buffers stay within the same bound, so a rebuild needs that
 // much memory plus a few MiB of transaction buffers, whatever the table's size.
 //
-// Thread safety: a table object is not thread-safe; its owner serialises all
-// calls. Two table objects (or processes) cannot hold the same files open:
-// the data file carries an advisory lock, and the second open answers
-// TBL_IN_USE (read-only opens share the lock with each other).
+// Thread safety: every call holds the table object's own lock, so one object
+// may be used from several threads. The current record, the set and the key
+// being built belong to the calling thread: a read on one thread does not
+// move another thread's current record. A process made with fork() must not
+// use its parent's tables (their files are closed in the child).
 //
 // The virtual operations are declared in their fixed slot order; derived
 // tables (WzScanDB) override initialize, registerTable, getTableType and
@@ -195,6 +223,26 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   int create();
   int close();
   bool isOpen() const;
+  // Check every page at every open (see Files above), whatever the settings.
+  void setVerifyOnOpen(bool always);
+
+  // Writes made by this thread while a BulkWrites lives are kept in memory
+  // and reach the log together when it ends (or when 1 MiB gathered, or when
+  // another thread writes): one write() for many records. finish() ends it
+  // early and answers the status of that write.
+  class WZTABLE_API BulkWrites {
+   public:
+    explicit BulkWrites(TCtreeTable& table);
+    ~BulkWrites();
+    BulkWrites(const BulkWrites&) = delete;
+    BulkWrites& operator=(const BulkWrites&) = delete;
+    int finish();
+
+   private:
+    TCtreeTable& table_;
+    bool finished_ = false;
+    int status_ = 0;
+  };
 
   // ---- records -----------------------------------------------------------
   int addRecord(void* record);

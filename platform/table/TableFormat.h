@@ -6,12 +6,17 @@
 //   "wz.highwater" uint64: the highest record number ever handed out, written
 //                  when the record holding it is deleted, so numbers are never
 //                  reused
+//   "wz.lsn"       uint64: the log sequence number of the last write the file
+//                  holds (written at every checkpoint; absent in files of an
+//                  older engine)
 //   "records"      named database: record number (native uint64) -> stored
 //                  record (fixed part + variable part without trailing zeros)
 // Index file (<name>.idx), main database:
 //   "wz.header"    IndexHeader followed by the serialised schema
-//   "wz.state"     IndexState: the data file's last transaction id that the
-//                  indexes reflect, and whether indexing is suspended
+//   "wz.state"     IndexState: whether indexing is suspended (and, in files of
+//                  an older engine, the data file's transaction id that the
+//                  indexes reflect)
+//   "wz.lsn"       as in the data file
 //   "i<n>"         named database of index n: stored key -> record number
 //                  (sorted duplicates for indexes that allow them)
 // Both headers carry the same random table id, written at create(), so a
@@ -29,6 +34,7 @@ constexpr uint32_t kFormatVersion = 1;
 constexpr const char* kHeaderKey = "wz.header";
 constexpr const char* kHighWaterKey = "wz.highwater";
 constexpr const char* kStateKey = "wz.state";
+constexpr const char* kLsnKey = "wz.lsn";
 constexpr const char* kRecordsDbName = "records";
 
 struct FileHeader {

@@ -1,18 +1,29 @@
 // TCtreeTable::Impl: the state of one table object (schema, open files,
-// current record, key builder) and the operations behind TCtreeTable's
-// public calls. Private to libWzTable; split over TableLifecycle.cpp,
-// TableKeys.cpp, TableWrites.cpp, TableReads.cpp and TableRebuild.cpp.
+// transactions, write-ahead log, per-thread positions, key builder) and the
+// operations behind TCtreeTable's public calls. Private to libWzTable; split
+// over TableLifecycle.cpp, TableCreate.cpp, TableGroup.cpp, TableKeys.cpp,
+// TableWrites.cpp, TableReads.cpp and TableRebuild.cpp.
+//
+// Every public call holds `mutex` for its whole length, so one table object
+// may be used from several threads. Each thread has its own current record
+// and set (ThreadState): a locate-then-modify sequence is not disturbed by
+// another thread's reads.
 #pragma once
 
 #include <lmdb.h>
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "ExternalSorter.h"
 #include "LmdbFile.h"
+#include "LogFlusher.h"
+#include "TableLog.h"
 #include "TableSchema.h"
 #include "table/TCtreeTable.h"
 
@@ -22,12 +33,38 @@ struct TCtreeTable::Impl {
   // Where a seek for the entry (key, record number) landed.
   enum class Seek { kAt, kAfter, kEnd };
 
+  struct Current {
+    bool valid = false;   // a read located a record
+    bool exists = false;  // that record has not been deleted since
+    int index = -1;
+    std::vector<uint8_t> key;  // stored key on `index` (index >= 0)
+    uint64_t recno = 0;
+  };
+  struct Set {
+    bool active = false;
+    int index = 0;
+    std::vector<uint8_t> prefix;
+  };
+  struct ThreadState {
+    Current current;
+    Set set;
+    int bulk = 0;  // nesting depth of BulkWrites scopes on this thread
+    // Key builder (fillKeySegment / finishKey).
+    int buildIndex = -1;
+    char* buildStart = nullptr;
+    char* buildNext = nullptr;
+    int buildWritten = 0;
+  };
+
   TCtreeTable* self;
+  std::recursive_mutex mutex;
   wztable::TableSchema schema;
   wztable::TableLimits limits;
   std::string name;
   bool bypass = false;
   size_t rebuildMemory = size_t{64} << 20;
+  bool verifyRequested = false;  // setVerifyOnOpen(true)
+  bool verifyAlways = false;     // check every page at open, closed cleanly or not
 
   // ---- open state ----
   bool open = false;
@@ -36,68 +73,100 @@ struct TCtreeTable::Impl {
   wztable::LmdbFile index;
   MDB_dbi dataMain = 0, records = 0, indexMain = 0;
   std::vector<MDB_dbi> indexDbi;
+  uint8_t tableId[16] = {};
   uint64_t nextRecno = 1;
+  uint64_t committedNextRecno = 1;
   bool suspended = false;   // indexing suspended (recorded in the index file)
   bool indexStale = false;  // indexes behind the data and not rebuilt yet
+  bool legacyFiles = false; // files without log sequence numbers (older engine)
 
-  // Cached read transactions and cursors. Reads leave them active, so that
-  // a run of reads (a walk) shares one snapshot and keeps its cursor where it
-  // is; every write ends them first (endRead), as LMDB without a lock table
-  // must never see a read transaction alive across a write.
-  MDB_txn* dataRead = nullptr;
-  MDB_txn* indexRead = nullptr;
+  // ---- durability (read-write tables) ----
+  wztable::TableLog log;  // opened by the session's first write, or by replay at open
+  wztable::LogFlusher flusher;
+  int syncIntervalMs = 1000;           // 0: every write is flushed before it returns
+  uint64_t logLimit = uint64_t{64} << 20;  // a checkpoint when the log holds more
+  uint64_t dataLsn = 0, indexLsn = 0;  // what the two files hold, committed
+  int failure = 0;                     // sticky status of a failed flush or checkpoint
+  wztable::LmdbFile* fullFile = nullptr;  // the file whose map ran out during an apply
+
+  // ---- transactions ----
+  // Read-write: one write transaction per file spans many operations (the
+  // group), committed at a checkpoint; every read runs inside it and so sees
+  // every write. Read-only: read transactions, renewed for every call, each
+  // pinning the snapshot it reads (FileLocks.h).
+  MDB_txn* dataTxn = nullptr;
+  MDB_txn* indexTxn = nullptr;
   bool dataActive = false;
   bool indexActive = false;
+  uint64_t dataPin = 0, indexPin = 0;  // read-only: the pinned snapshots
   MDB_cursor* recordCursor = nullptr;
   std::vector<MDB_cursor*> indexCursor;
   // The cursor of index `positionedIndex` (-1: records) sits on the current
-  // record's entry, so next/previous can step without a seek.
+  // record's entry of thread state `positionedFor`, so next/previous can step
+  // without a seek.
   bool positioned = false;
   int positionedIndex = 0;
+  const ThreadState* positionedFor = nullptr;
 
-  // ---- current record and set ----
-  struct Current {
-    bool valid = false;   // a read located a record
-    bool exists = false;  // that record has not been deleted since
-    int index = -1;
-    std::vector<uint8_t> key;  // stored key on `index` (index >= 0)
-    uint64_t recno = 0;
-  } current;
-  struct Set {
-    bool active = false;
-    int index = 0;
-    std::vector<uint8_t> prefix;
-  } set;
-
-  // ---- key builder (fillKeySegment / finishKey) ----
-  int buildIndex = -1;
-  char* buildStart = nullptr;
-  char* buildNext = nullptr;
-  int buildWritten = 0;
+  // ---- per-thread state ----
+  std::unordered_map<std::thread::id, ThreadState> threads;
+  std::thread::id lastThread;
+  ThreadState* lastState = nullptr;
+  ThreadState& ts();
 
   // Scratch buffers reused by every operation.
   std::vector<uint8_t> image, oldImage;
   std::vector<std::vector<uint8_t>> keys, oldKeys;
 
-  // ---- helpers (TableLifecycle.cpp) ----
+  // ---- files (TableLifecycle.cpp, TableCreate.cpp) ----
   std::string dataPath() const { return name + ".dat"; }
   std::string indexPath() const { return name + ".idx"; }
+  std::string logPath() const { return name + ".log"; }
   int openFiles(WZIndexing::TAccessEnum mode);
+  void finishInterruptedCopy();
   int createFiles();
+  int initializeFiles();
   int loadOpenState();
+  int loadRecordState();
+  int verifyFiles(bool deep);
   int closeFiles();
-  void dropReadState();
+  void dropTransactions();
   void prepareBuffers();
-  int setIndexState(uint64_t dataTxnId, bool suspendedFlag);
+  void readSettings();
+  int setIndexState(bool suspendedFlag);
   bool indexUsable() const { return !suspended && !indexStale; }
 
-  // Runs `body` in one write transaction on `file`, growing the map and
-  // retrying when it is full. `body` returns an LMDB code.
+  // Runs `body` in a write transaction of its own on `file`, committed and
+  // synced, growing the map and retrying when it is full. For maintenance
+  // only (create, rebuild, index state), with no group open.
   template <typename Body>
   int write(wztable::LmdbFile& file, Body body);
 
+  // ---- group, log, checkpoint, replay (TableGroup.cpp) ----
+  int beginGroup();
+  void abortGroup();
+  int checkpoint();
+  int recover(wztable::LmdbFile* grow);
+  int replayLog();
+  int logWrite(wztable::TableLog::Op op, uint64_t recno, const uint8_t* payload, size_t length);
+  int afterApplyFailure(int rc);
+  int afterWrite();
+  void reportFlushFailure(int status, const char* when);
+  int applyAdd(uint64_t recno, const uint8_t* stored, size_t length, bool toData, bool toIndex,
+               const std::vector<std::vector<uint8_t>>* builtKeys);
+  int applyModify(uint64_t recno, const uint8_t* stored, size_t length, bool toData,
+                  bool toIndex, const std::vector<std::vector<uint8_t>>* previousKeys);
+  int applyDelete(uint64_t recno, bool toData, bool toIndex,
+                  const std::vector<std::vector<uint8_t>>* previousKeys);
+  int putLsn(MDB_txn* txn, MDB_dbi main, uint64_t lsn);
+
+  // Opens a read transaction on the newest snapshot of `file`, pinned so
+  // that no writer reuses its pages meanwhile (unpinSnapshot when done).
+  static int beginPinnedRead(wztable::LmdbFile& file, MDB_txn** txn, uint64_t* pin);
   int beginRead(bool needData, bool needIndex);
-  // Ends the read transactions (before a write, a map growth or a close).
+  int beginReadOnce(bool needData, bool needIndex);
+  // Ends the read transactions of a read-only table (a read-write table
+  // keeps its group open).
   void endRead();
   // Ends the read transactions of one operation on every path.
   struct ReadScope {
@@ -106,13 +175,12 @@ struct TCtreeTable::Impl {
   };
 
   // ---- records (TableWrites.cpp) ----
+  int writeAllowed() const;
   int addRecord(const uint8_t* record);
   int modifyRecord(const uint8_t* record);
   int deleteRecord();
   size_t storedRecordLength(const uint8_t* record) const;
   void buildKeys(const uint8_t* record, std::vector<std::vector<uint8_t>>& out) const;
-  int commitIndexChanges(uint64_t recno, const std::vector<std::vector<uint8_t>>* removed,
-                         const std::vector<std::vector<uint8_t>>* added);
 
   // ---- reads (TableReads.cpp) ----
   int checkIndex(int idx, bool allowPhysical) const;
@@ -127,7 +195,7 @@ struct TCtreeTable::Impl {
   int step(int idx, void* buffer, bool forward, bool inSet);
   int edgeRead(int idx, void* buffer, bool first);
   int setRead(int idx, const void* key, void* buffer, int prefixLength, bool first);
-  bool inSet(const MDB_val& key) const;
+  bool inSet(const Set& set, const MDB_val& key) const;
   int readRun(int idx, const void* key, int prefixLength, RunReceiver& receiver);
   int readByNumber(void* buffer, int recordNumber, int length, size_t limit);
 
@@ -140,7 +208,6 @@ struct TCtreeTable::Impl {
 
 template <typename Body>
 int TCtreeTable::Impl::write(wztable::LmdbFile& file, Body body) {
-  endRead();
   for (;;) {
     MDB_txn* txn = nullptr;
     int rc = mdb_txn_begin(file.env(), nullptr, 0, &txn);

@@ -9,7 +9,9 @@ using namespace wztable;
 
 int TCtreeTable::fillKeySegment(char** cursor, int* remaining, const void* data, int mode,
                                 int index, int segment) {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
   Impl& im = *impl_;
+  Impl::ThreadState& t = im.ts();
   if (!cursor || !*cursor || !remaining || !data) return TBL_BAD_ARGUMENT;
   if (!im.schema.isComplete()) return TBL_NOT_DEFINED;
   if (mode != 0) return TBL_BAD_ARGUMENT;  // one segment mode: the field's own transform
@@ -22,31 +24,33 @@ int TCtreeTable::fillKeySegment(char** cursor, int* remaining, const void* data,
 
   // A key is built segment after segment into one buffer; a new key starts at
   // segment 0, on another index, or wherever the cursor no longer continues.
-  if (segment == 0 || im.buildIndex != index || im.buildNext != *cursor) {
-    im.buildIndex = index;
-    im.buildStart = *cursor;
-    im.buildWritten = 0;
+  if (segment == 0 || t.buildIndex != index || t.buildNext != *cursor) {
+    t.buildIndex = index;
+    t.buildStart = *cursor;
+    t.buildWritten = 0;
   }
   transformSegment(field, seg, static_cast<const uint8_t*>(data),
                    reinterpret_cast<uint8_t*>(*cursor));
   *cursor += seg.segmentSize;
   *remaining -= seg.segmentSize;
-  im.buildWritten += seg.segmentSize;
-  im.buildNext = *cursor;
+  t.buildWritten += seg.segmentSize;
+  t.buildNext = *cursor;
   return TBL_OK;
 }
 
 int TCtreeTable::finishKey(char** cursor, int* remaining, int index, int mode) {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
   Impl& im = *impl_;
+  Impl::ThreadState& t = im.ts();
   if (!cursor || !*cursor || !remaining) return TBL_BAD_ARGUMENT;
   if (!im.schema.isComplete()) return TBL_NOT_DEFINED;
   if (mode != 0) return TBL_BAD_ARGUMENT;
   if (index < 0 || static_cast<size_t>(index) >= im.schema.indexes().size()) return TBL_BAD_ARGUMENT;
   const int keyLength = im.schema.indexes()[index].keyLength;
-  const int written = (im.buildIndex == index && im.buildNext == *cursor) ? im.buildWritten : 0;
-  im.buildIndex = -1;
-  im.buildStart = im.buildNext = nullptr;
-  im.buildWritten = 0;
+  const int written = (t.buildIndex == index && t.buildNext == *cursor) ? t.buildWritten : 0;
+  t.buildIndex = -1;
+  t.buildStart = t.buildNext = nullptr;
+  t.buildWritten = 0;
   const int pad = keyLength - written;
   if (pad < 0 || *remaining < pad) return TBL_BAD_ARGUMENT;
   // Segments left out (a prefix key) read as zero bytes: the smallest key

@@ -6,11 +6,17 @@
 #include <cerrno>
 #include <cstring>
 
+#include "FileLocks.h"
 #include "TableFormat.h"
+#include "TableHeaders.h"
 #include "TableImpl.h"
+#include "TableSettings.h"
+#include "runtime/WZPlatformInfo.h"
 #include "table/TFieldType.h"
 
 using namespace wztable;
+
+#define TABLE_LOCK std::lock_guard<std::recursive_mutex> tableLock(impl_->mutex)
 
 namespace {
 
@@ -25,43 +31,6 @@ MDB_val valOf(const void* data, size_t size) {
 }
 
 MDB_val valOf(const char* text) { return valOf(text, std::strlen(text)); }
-
-unsigned indexDbFlags(const TableIndex& index) {
-  return index.duplicates ? (MDB_DUPSORT | MDB_DUPFIXED | MDB_INTEGERDUP) : 0;
-}
-
-std::string indexDbName(size_t n) { return "i" + std::to_string(n); }
-
-std::string headerBytes(const char (&magic)[8], const uint8_t* tableId, const std::string& schema) {
-  FileHeader header{};
-  std::memcpy(header.magic, magic, sizeof header.magic);
-  header.version = kFormatVersion;
-  std::memcpy(header.tableId, tableId, sizeof header.tableId);
-  std::string out(reinterpret_cast<const char*>(&header), sizeof header);
-  out += schema;
-  return out;
-}
-
-// Checks one file's header against the registered schema; copies its table id.
-int checkHeader(MDB_txn* txn, MDB_dbi main, const char (&magic)[8], const std::string& schema,
-                uint8_t* tableId) {
-  MDB_val key = valOf(kHeaderKey), value;
-  int rc = mdb_get(txn, main, &key, &value);
-  if (rc == MDB_NOTFOUND) return TBL_BAD_FORMAT;
-  if (rc != MDB_SUCCESS) return statusFromMdb(rc);
-  if (value.mv_size < sizeof(FileHeader)) return TBL_BAD_FORMAT;
-  FileHeader header;
-  std::memcpy(&header, value.mv_data, sizeof header);
-  if (std::memcmp(header.magic, magic, sizeof header.magic) != 0) return TBL_BAD_FORMAT;
-  if (header.version != kFormatVersion) return TBL_BAD_FORMAT;
-  const size_t schemaSize = value.mv_size - sizeof header;
-  if (schemaSize != schema.size() ||
-      std::memcmp(static_cast<const char*>(value.mv_data) + sizeof header, schema.data(),
-                  schemaSize) != 0)
-    return TBL_SCHEMA_MISMATCH;
-  std::memcpy(tableId, header.tableId, sizeof header.tableId);
-  return TBL_OK;
-}
 
 }  // namespace
 
@@ -79,100 +48,114 @@ void TCtreeTable::Impl::prepareBuffers() {
   }
 }
 
-void TCtreeTable::Impl::dropReadState() {
-  for (MDB_cursor*& cursor : indexCursor) {
-    if (cursor) mdb_cursor_close(cursor);
-    cursor = nullptr;
-  }
-  indexCursor.clear();
-  if (recordCursor) mdb_cursor_close(recordCursor);
-  recordCursor = nullptr;
-  if (dataRead) mdb_txn_abort(dataRead);
-  if (indexRead) mdb_txn_abort(indexRead);
-  dataRead = indexRead = nullptr;
-  dataActive = indexActive = false;
-  positioned = false;
+void TCtreeTable::Impl::readSettings() {
+  int value = 0;
+  verifyAlways = verifyRequested;
+  syncIntervalMs = kDefaultSyncIntervalMs;
+  if (WZPlatformInfo::getRegInt(kSettingsSection, kSyncIntervalSetting, &value))
+    syncIntervalMs = value < 0 ? kDefaultSyncIntervalMs : (value > 60000 ? 60000 : value);
+  if (WZPlatformInfo::getRegInt(kSettingsSection, kCheckPagesSetting, &value) && value != 0)
+    verifyAlways = true;
+  logLimit = uint64_t{64} << 20;
+  if (WZPlatformInfo::getRegInt(kSettingsSection, kLogLimitSetting, &value) && value > 0)
+    logLimit = uint64_t(value) << 20;
 }
 
-int TCtreeTable::Impl::beginRead(bool needData, bool needIndex) {
-  int rc = MDB_SUCCESS;
-  if (needData && !dataActive) {
-    rc = dataRead ? mdb_txn_renew(dataRead)
-                  : mdb_txn_begin(data.env(), nullptr, MDB_RDONLY, &dataRead);
-    if (rc != MDB_SUCCESS) {
-      if (dataRead) mdb_txn_abort(dataRead);
-      dataRead = nullptr;
-      return statusFromMdb(rc);
-    }
-    dataActive = true;
-    rc = recordCursor ? mdb_cursor_renew(dataRead, recordCursor)
-                      : mdb_cursor_open(dataRead, records, &recordCursor);
-    if (rc != MDB_SUCCESS) {
-      endRead();
-      return statusFromMdb(rc);
-    }
-  }
-  if (needIndex && !indexActive) {
-    rc = indexRead ? mdb_txn_renew(indexRead)
-                   : mdb_txn_begin(index.env(), nullptr, MDB_RDONLY, &indexRead);
-    if (rc != MDB_SUCCESS) {
-      if (indexRead) mdb_txn_abort(indexRead);
-      indexRead = nullptr;
-      endRead();
-      return statusFromMdb(rc);
-    }
-    indexActive = true;
-    indexCursor.resize(indexDbi.size(), nullptr);
-    for (size_t i = 0; i < indexDbi.size() && rc == MDB_SUCCESS; ++i)
-      rc = indexCursor[i] ? mdb_cursor_renew(indexRead, indexCursor[i])
-                          : mdb_cursor_open(indexRead, indexDbi[i], &indexCursor[i]);
-    if (rc != MDB_SUCCESS) {
-      endRead();
-      return statusFromMdb(rc);
-    }
-  }
-  return TBL_OK;
-}
-
-void TCtreeTable::Impl::endRead() {
-  // A reset transaction is inactive: writes and map growth may follow.
-  if (dataActive) mdb_txn_reset(dataRead);
-  if (indexActive) mdb_txn_reset(indexRead);
-  dataActive = indexActive = false;
-  positioned = false;
-}
-
-int TCtreeTable::Impl::setIndexState(uint64_t dataTxnId, bool suspendedFlag) {
-  IndexState state{dataTxnId, suspendedFlag ? 1u : 0u, 0};
+int TCtreeTable::Impl::setIndexState(bool suspendedFlag) {
+  IndexState state{0, suspendedFlag ? 1u : 0u, 0};
+  const uint64_t lsn = dataLsn;
   return write(index, [&](MDB_txn* txn) {
     MDB_val key = valOf(kStateKey), value = valOf(&state, sizeof state);
-    return mdb_put(txn, indexMain, &key, &value, 0);
+    int rc = mdb_put(txn, indexMain, &key, &value, 0);
+    // Rebuilt or not, the indexes now stand where the data file stands.
+    if (rc == MDB_SUCCESS && !suspendedFlag && !legacyFiles) rc = putLsn(txn, indexMain, lsn);
+    return rc;
   });
 }
 
+// Reads the headers, the log sequence numbers and the index state, and opens
+// the named databases. Touches the main databases only (the quick page check
+// covers them); the record count needs the records tree (loadRecordState).
 int TCtreeTable::Impl::loadOpenState() {
   const std::string schemaBytes = schema.serialize();
   uint8_t dataId[16], indexId[16];
   MDB_txn* txn = nullptr;
+  uint64_t pin = 0;
 
-  int rc = mdb_txn_begin(data.env(), nullptr, MDB_RDONLY, &txn);
-  if (rc != MDB_SUCCESS) return statusFromMdb(rc);
-  int status = statusFromMdb(mdb_dbi_open(txn, nullptr, 0, &dataMain));
+  int status = beginPinnedRead(data, &txn, &pin);
+  if (status != TBL_OK) return status;
+  status = statusFromMdb(mdb_dbi_open(txn, nullptr, 0, &dataMain));
   if (status == TBL_OK) status = checkHeader(txn, dataMain, kDataMagic, schemaBytes, dataId);
   if (status == TBL_OK) {
-    rc = mdb_dbi_open(txn, kRecordsDbName, MDB_INTEGERKEY, &records);
+    int rc = mdb_dbi_open(txn, kRecordsDbName, MDB_INTEGERKEY, &records);
     status = rc == MDB_NOTFOUND ? TBL_BAD_FORMAT : statusFromMdb(rc);
   }
-  uint64_t highest = 0;
+  bool dataHasLsn = false;
+  if (status == TBL_OK) status = readU64(txn, dataMain, kLsnKey, &dataLsn, &dataHasLsn);
+  if (status == TBL_OK) status = statusFromMdb(mdb_txn_commit(txn));
+  else mdb_txn_abort(txn);
+  unpinSnapshot(data.fd(), pin);
+  if (status != TBL_OK) return status;
+
+  txn = nullptr;
+  status = beginPinnedRead(index, &txn, &pin);
+  if (status != TBL_OK) return status;
+  status = statusFromMdb(mdb_dbi_open(txn, nullptr, 0, &indexMain));
+  if (status == TBL_OK) status = checkHeader(txn, indexMain, kIndexMagic, schemaBytes, indexId);
+  if (status == TBL_OK && std::memcmp(dataId, indexId, sizeof dataId) != 0)
+    status = TBL_FILES_MISMATCH;
+  IndexState state{};
   if (status == TBL_OK) {
-    MDB_val key = valOf(kHighWaterKey), value;
-    rc = mdb_get(txn, dataMain, &key, &value);
-    if (rc == MDB_SUCCESS && value.mv_size == sizeof highest) std::memcpy(&highest, value.mv_data, sizeof highest);
-    else if (rc != MDB_NOTFOUND) status = rc == MDB_SUCCESS ? TBL_BAD_FORMAT : statusFromMdb(rc);
+    MDB_val key = valOf(kStateKey), value;
+    int rc = mdb_get(txn, indexMain, &key, &value);
+    if (rc == MDB_SUCCESS && value.mv_size == sizeof state) std::memcpy(&state, value.mv_data, sizeof state);
+    else status = rc == MDB_SUCCESS || rc == MDB_NOTFOUND ? TBL_BAD_FORMAT : statusFromMdb(rc);
   }
+  bool indexHasLsn = false;
+  if (status == TBL_OK) status = readU64(txn, indexMain, kLsnKey, &indexLsn, &indexHasLsn);
+  indexDbi.assign(schema.indexes().size(), 0);
+  for (size_t i = 0; status == TBL_OK && i < indexDbi.size(); ++i) {
+    int rc = mdb_dbi_open(txn, indexDbName(i).c_str(), indexDbFlags(schema.indexes()[i]), &indexDbi[i]);
+    status = rc == MDB_NOTFOUND ? TBL_BAD_FORMAT : statusFromMdb(rc);
+    unsigned flags = 0;
+    if (status == TBL_OK && (mdb_dbi_flags(txn, indexDbi[i], &flags) != MDB_SUCCESS ||
+                             (flags & indexDbFlags(schema.indexes()[i])) != indexDbFlags(schema.indexes()[i])))
+      status = TBL_BAD_FORMAT;
+  }
+  if (status == TBL_OK) status = statusFromMdb(mdb_txn_commit(txn));
+  else mdb_txn_abort(txn);
+  unpinSnapshot(index.fd(), pin);
+  if (status != TBL_OK) return status;
+
+  std::memcpy(tableId, dataId, sizeof tableId);
+  legacyFiles = !dataHasLsn || !indexHasLsn;
+  suspended = state.suspended != 0;
+  if (legacyFiles) {
+    // Files of an older engine: each write committed the data file, then the
+    // index file with the data file's transaction id.
+    dataLsn = indexLsn = 0;
+    indexStale = state.dataTxnId != data.lastTxnId();
+  } else {
+    // The index file is committed first: behind the data file it cannot be
+    // brought forward (rebuilt instead); ahead, the log brings the data on.
+    indexStale = indexLsn < dataLsn;
+  }
+  prepareBuffers();
+  return TBL_OK;
+}
+
+// The next record number: above the highest ever handed out.
+int TCtreeTable::Impl::loadRecordState() {
+  MDB_txn* txn = nullptr;
+  uint64_t pin = 0;
+  int status = beginPinnedRead(data, &txn, &pin);
+  if (status != TBL_OK) return status;
+  uint64_t highest = 0;
+  bool present = false;
+  status = readU64(txn, dataMain, kHighWaterKey, &highest, &present);
   if (status == TBL_OK) {
     MDB_cursor* cursor = nullptr;
-    rc = mdb_cursor_open(txn, records, &cursor);
+    int rc = mdb_cursor_open(txn, records, &cursor);
     MDB_val key, value;
     if (rc == MDB_SUCCESS) rc = mdb_cursor_get(cursor, &key, &value, MDB_LAST);
     if (rc == MDB_SUCCESS && key.mv_size == sizeof(uint64_t)) {
@@ -184,141 +167,146 @@ int TCtreeTable::Impl::loadOpenState() {
     }
     if (cursor) mdb_cursor_close(cursor);
   }
-  if (status == TBL_OK) status = statusFromMdb(mdb_txn_commit(txn));
-  else mdb_txn_abort(txn);
+  mdb_txn_abort(txn);
+  unpinSnapshot(data.fd(), pin);
   if (status != TBL_OK) return status;
-  nextRecno = highest + 1;
-
-  rc = mdb_txn_begin(index.env(), nullptr, MDB_RDONLY, &txn);
-  if (rc != MDB_SUCCESS) return statusFromMdb(rc);
-  status = statusFromMdb(mdb_dbi_open(txn, nullptr, 0, &indexMain));
-  if (status == TBL_OK) status = checkHeader(txn, indexMain, kIndexMagic, schemaBytes, indexId);
-  if (status == TBL_OK && std::memcmp(dataId, indexId, sizeof dataId) != 0)
-    status = TBL_FILES_MISMATCH;
-  IndexState state{};
-  if (status == TBL_OK) {
-    MDB_val key = valOf(kStateKey), value;
-    rc = mdb_get(txn, indexMain, &key, &value);
-    if (rc == MDB_SUCCESS && value.mv_size == sizeof state) std::memcpy(&state, value.mv_data, sizeof state);
-    else status = rc == MDB_SUCCESS || rc == MDB_NOTFOUND ? TBL_BAD_FORMAT : statusFromMdb(rc);
-  }
-  indexDbi.assign(schema.indexes().size(), 0);
-  for (size_t i = 0; status == TBL_OK && i < indexDbi.size(); ++i) {
-    rc = mdb_dbi_open(txn, indexDbName(i).c_str(), indexDbFlags(schema.indexes()[i]), &indexDbi[i]);
-    status = rc == MDB_NOTFOUND ? TBL_BAD_FORMAT : statusFromMdb(rc);
-    unsigned flags = 0;
-    if (status == TBL_OK && (mdb_dbi_flags(txn, indexDbi[i], &flags) != MDB_SUCCESS ||
-                             (flags & indexDbFlags(schema.indexes()[i])) != indexDbFlags(schema.indexes()[i])))
-      status = TBL_BAD_FORMAT;
-  }
-  if (status == TBL_OK) status = statusFromMdb(mdb_txn_commit(txn));
-  else mdb_txn_abort(txn);
-  if (status != TBL_OK) return status;
-
-  suspended = state.suspended != 0;
-  indexStale = state.dataTxnId != data.lastTxnId();
-  prepareBuffers();
+  nextRecno = committedNextRecno = highest + 1;
   return TBL_OK;
+}
+
+int TCtreeTable::Impl::verifyFiles(bool deep) {
+  std::string damage;
+  const LmdbFile* damaged = nullptr;
+  int status = data.validate(&damage, deep);
+  if (status == TBL_BAD_FORMAT) damaged = &data;
+  if (status == TBL_OK && (status = index.validate(&damage, deep)) == TBL_BAD_FORMAT) damaged = &index;
+  if (damaged)
+    self->debug(-1, "Table %s: the file %s is damaged (%s)", name.c_str(), damaged->path().c_str(),
+                damage.c_str());
+  return status;
+}
+
+// A copy of a closed table (WzScanDB::copy) renames its temporary data file
+// into place before its temporary index file. Killed between the two, it
+// leaves the new data file beside no index file or the one it was replacing,
+// and its index file under the temporary name: that index file is put in
+// place. Nothing else is touched.
+void TCtreeTable::Impl::finishInterruptedCopy() {
+  const std::string temp = indexPath() + ".tmp";
+  struct stat st;
+  if (::lstat(temp.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+  uint8_t dataId[16], tempId[16], indexId[16];
+  if (readFileTableId(dataPath(), kDataMagic, dataId) != TBL_OK ||
+      readFileTableId(temp, kIndexMagic, tempId) != TBL_OK ||
+      std::memcmp(dataId, tempId, sizeof dataId) != 0)
+    return;
+  if (readFileTableId(indexPath(), kIndexMagic, indexId) == TBL_OK &&
+      std::memcmp(dataId, indexId, sizeof dataId) == 0)
+    return;
+  if (::rename(temp.c_str(), indexPath().c_str()) == 0)
+    self->debug(0, "Table %s: finished an interrupted copy: %s renamed to %s", name.c_str(),
+                temp.c_str(), indexPath().c_str());
 }
 
 int TCtreeTable::Impl::openFiles(WZIndexing::TAccessEnum mode) {
   readOnly = mode == WZIndexing::kAccessReadOnly;
+  readSettings();
+  if (!readOnly) finishInterruptedCopy();
   const size_t step = static_cast<size_t>(self->hugeFileIncr() > 0 ? self->hugeFileIncr() : 1) << 20;
   const uint64_t cap = self->createHugeFile() ? 0 : kSmallFileCap;
   int status = data.openFile(dataPath(), false, readOnly);
-  if (status == TBL_OK) status = data.lock(!readOnly);
+  // One writer at a time; readers share the files with it.
+  if (status == TBL_OK && !readOnly) status = lockWriter(data.fd());
   if (status == TBL_OK) status = index.openFile(indexPath(), false, readOnly);
-  // LMDB trusts its pages: a damaged file is refused here, before it is mapped.
-  std::string damage;
-  const LmdbFile* damaged = nullptr;
-  if (status == TBL_OK && (status = data.validate(&damage)) == TBL_BAD_FORMAT) damaged = &data;
-  if (status == TBL_OK && (status = index.validate(&damage)) == TBL_BAD_FORMAT) damaged = &index;
-  if (damaged)
-    self->debug(-1, "Table %s: the file %s is damaged (%s)", name.c_str(), damaged->path().c_str(),
-                damage.c_str());
+  struct stat st;
+  const bool logPresent = status == TBL_OK && ::lstat(logPath().c_str(), &st) == 0;
+  // Files a live writer holds are trusted (their pages change under a check).
+  const bool liveWriter = status == TBL_OK && readOnly && writerPresent(data.fd());
+  // Files not closed cleanly (a log was left) get every page checked; files
+  // closed cleanly, the quick check of what the open itself reads.
+  bool deep = verifyAlways || logPresent;
+  if (status == TBL_OK && !liveWriter) status = verifyFiles(deep);
   if (status == TBL_OK) status = data.openEnv(2, step, cap);
   if (status == TBL_OK)
     status = index.openEnv(static_cast<unsigned>(schema.indexes().size()) + 1, step, cap);
   if (status == TBL_OK) status = loadOpenState();
+  if (status == TBL_OK && legacyFiles && !deep && !liveWriter) {
+    // Files of an older engine carry no mark of a clean close.
+    deep = true;
+    status = verifyFiles(true);
+  }
+  if (status == TBL_OK) status = loadRecordState();
+  if (status == TBL_OK && liveWriter) {
+    // What the writer is doing to the index is read at every read.
+    suspended = indexStale = false;
+  } else if (status == TBL_OK && readOnly && !legacyFiles && indexLsn != dataLsn) {
+    indexStale = true;
+  }
+  if (status == TBL_OK && logPresent && !readOnly) {
+    open = true;  // replay checkpoints as an open table does
+    status = replayLog();
+    open = false;
+  }
+  if (status == TBL_OK && !readOnly && !legacyFiles && indexLsn > dataLsn) {
+    // The index holds writes the data file never received: rebuilt below.
+    indexStale = true;
+  }
+  if (status == TBL_OK && logPresent && readOnly && !liveWriter)
+    self->debug(0,
+                "Table %s opened read-only: the log %s of a process that did not close the table "
+                "is not replayed; reads see the table as last committed",
+                name.c_str(), logPath().c_str());
   if (status != TBL_OK) {
-    dropReadState();
+    flusher.stop();
+    log.close(false);
+    dropTransactions();
     index.abandon();
     data.abandon();
   }
   return status;
 }
 
-int TCtreeTable::Impl::createFiles() {
-  readOnly = false;
-  struct stat st;
-  if (lstat(dataPath().c_str(), &st) == 0 || lstat(indexPath().c_str(), &st) == 0)
-    return TBL_FILE_EXISTS;
-  const size_t step = static_cast<size_t>(self->hugeFileIncr() > 0 ? self->hugeFileIncr() : 1) << 20;
-  const uint64_t cap = self->createHugeFile() ? 0 : kSmallFileCap;
-  bool createdData = false, createdIndex = false;
-  int status = data.openFile(dataPath(), true, false);
-  createdData = status == TBL_OK;
-  if (status == TBL_OK) status = data.lock(true);
-  if (status == TBL_OK) {
-    status = index.openFile(indexPath(), true, false);
-    createdIndex = status == TBL_OK;
+void TCtreeTable::Impl::dropTransactions() {
+  if (!readOnly) {
+    abortGroup();
+    return;
   }
-  if (status == TBL_OK) status = data.openEnv(2, step, cap);
-  if (status == TBL_OK)
-    status = index.openEnv(static_cast<unsigned>(schema.indexes().size()) + 1, step, cap);
-
-  uint8_t tableId[16];
-  if (status == TBL_OK && getrandom(tableId, sizeof tableId, 0) != sizeof tableId)
-    status = TBL_IO_ERROR;
-  const std::string schemaBytes = schema.serialize();
-  if (status == TBL_OK) {
-    const std::string header = headerBytes(kDataMagic, tableId, schemaBytes);
-    status = write(data, [&](MDB_txn* txn) {
-      MDB_dbi main, recs;
-      int rc = mdb_dbi_open(txn, nullptr, 0, &main);
-      MDB_val key = valOf(kHeaderKey), value = valOf(header.data(), header.size());
-      if (rc == MDB_SUCCESS) rc = mdb_put(txn, main, &key, &value, 0);
-      if (rc == MDB_SUCCESS) rc = mdb_dbi_open(txn, kRecordsDbName, MDB_CREATE | MDB_INTEGERKEY, &recs);
-      return rc;
-    });
+  endRead();
+  for (MDB_cursor*& cursor : indexCursor) {
+    if (cursor) mdb_cursor_close(cursor);
+    cursor = nullptr;
   }
-  if (status == TBL_OK) {
-    const std::string header = headerBytes(kIndexMagic, tableId, schemaBytes);
-    const IndexState state{data.lastTxnId(), 0, 0};
-    status = write(index, [&](MDB_txn* txn) {
-      MDB_dbi main, dbi;
-      int rc = mdb_dbi_open(txn, nullptr, 0, &main);
-      MDB_val key = valOf(kHeaderKey), value = valOf(header.data(), header.size());
-      if (rc == MDB_SUCCESS) rc = mdb_put(txn, main, &key, &value, 0);
-      key = valOf(kStateKey);
-      value = valOf(&state, sizeof state);
-      if (rc == MDB_SUCCESS) rc = mdb_put(txn, main, &key, &value, 0);
-      for (size_t i = 0; rc == MDB_SUCCESS && i < schema.indexes().size(); ++i)
-        rc = mdb_dbi_open(txn, indexDbName(i).c_str(), MDB_CREATE | indexDbFlags(schema.indexes()[i]),
-                          &dbi);
-      return rc;
-    });
-  }
-  if (status == TBL_OK) status = loadOpenState();
-  if (status != TBL_OK) {
-    dropReadState();
-    index.abandon();
-    data.abandon();
-    if (createdIndex) ::unlink(indexPath().c_str());
-    if (createdData) ::unlink(dataPath().c_str());
-  }
-  return status;
+  if (recordCursor) mdb_cursor_close(recordCursor);
+  recordCursor = nullptr;
+  if (dataTxn) mdb_txn_abort(dataTxn);
+  if (indexTxn) mdb_txn_abort(indexTxn);
+  dataTxn = indexTxn = nullptr;
+  dataActive = indexActive = false;
+  positioned = false;
 }
 
 int TCtreeTable::Impl::closeFiles() {
-  dropReadState();
+  flusher.stop();
+  int status = TBL_OK;
+  if (!readOnly) {
+    status = checkpoint();
+    if (status == TBL_OK) status = failure;
+    // A clean close leaves the two files alone; after a failure the log
+    // stays, and the next open replays it and checks every page.
+    int logStatus = log.close(status == TBL_OK);
+    if (status == TBL_OK) status = logStatus;
+  }
+  dropTransactions();
   int indexStatus = index.close();
-  int dataStatus = data.close();  // last: closing the data file drops the lock
+  int dataStatus = data.close();  // last: closing the data file drops the writer lock
+  if (status == TBL_OK) status = indexStatus != TBL_OK ? indexStatus : dataStatus;
   open = false;
   readOnly = false;
-  current = Current();
-  set = Set();
-  return indexStatus != TBL_OK ? indexStatus : dataStatus;
+  failure = TBL_OK;
+  threads.clear();
+  lastState = nullptr;
+  positionedFor = nullptr;
+  return status;
 }
 
 // ---------------------------------------------------------------------------
@@ -327,10 +315,40 @@ int TCtreeTable::Impl::closeFiles() {
 TCtreeTable::TCtreeTable() : impl_(new Impl(this)) {}
 
 TCtreeTable::~TCtreeTable() {
+  TABLE_LOCK;
   if (impl_->open) impl_->closeFiles();
 }
 
+void TCtreeTable::setVerifyOnOpen(bool always) {
+  TABLE_LOCK;
+  impl_->verifyRequested = always;
+}
+
+TCtreeTable::BulkWrites::BulkWrites(TCtreeTable& table) : table_(table) {
+  std::lock_guard<std::recursive_mutex> lock(table_.impl_->mutex);
+  ++table_.impl_->ts().bulk;
+}
+
+TCtreeTable::BulkWrites::~BulkWrites() { finish(); }
+
+int TCtreeTable::BulkWrites::finish() {
+  if (finished_) return status_;
+  finished_ = true;
+  std::lock_guard<std::recursive_mutex> lock(table_.impl_->mutex);
+  Impl& im = *table_.impl_;
+  if (--im.ts().bulk > 0 || !im.log.isOpen()) return status_;
+  // The bulk's writes reach the log together; from here a kill keeps them.
+  status_ = im.log.flushBuffer();
+  if (status_ == TBL_OK && im.syncIntervalMs == 0) status_ = im.log.sync();
+  if (status_ != TBL_OK) {
+    im.failure = status_;
+    im.reportFlushFailure(status_, "writing the log");
+  }
+  return status_;
+}
+
 int TCtreeTable::initialize(const char* name) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   if (!name || !*name) return TBL_BAD_ARGUMENT;
   impl_->name = name;
@@ -338,6 +356,7 @@ int TCtreeTable::initialize(const char* name) {
 }
 
 int TCtreeTable::registerTable() {
+  TABLE_LOCK;
   const TableLimits defaults;
   return internalRegisterTable(static_cast<short>(defaults.maxFields),
                                static_cast<short>(defaults.maxIndices),
@@ -347,6 +366,7 @@ int TCtreeTable::registerTable() {
 const char* TCtreeTable::getTableType() { return "TCtreeTable"; }
 
 int TCtreeTable::internalRegisterTable(short maxFields, short maxIndices, short maxSegments) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   if (maxFields <= 0 || maxFields > kHardMaxFields || maxIndices <= 0 ||
       maxIndices > kHardMaxIndices || maxSegments <= 0 || maxSegments > kHardMaxSegments)
@@ -361,6 +381,7 @@ int TCtreeTable::internalInitialize(const char* name, unsigned int variableLengt
                                     unsigned int numFields, unsigned int numIndices,
                                     unsigned int numSegments, unsigned int recordSize,
                                     unsigned int fixedRecordSize) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   if (!name || !*name) return TBL_BAD_ARGUMENT;
   impl_->schema.clear();
@@ -372,6 +393,7 @@ int TCtreeTable::internalInitialize(const char* name, unsigned int variableLengt
 }
 
 int TCtreeTable::setNextField(const char* name, unsigned long offset, short type, short length) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   return impl_->schema.addField(name, offset, type, length);
 }
@@ -379,22 +401,26 @@ int TCtreeTable::setNextField(const char* name, unsigned long offset, short type
 int TCtreeTable::setNextIndex(const char* name, short keyLength, TKeyType keyType, short duplicates,
                               short nullKey, short emptyChar, short numSegments,
                               short segmentNumber) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   return impl_->schema.addIndex(name, keyLength, keyType, duplicates, nullKey, emptyChar,
                                 numSegments, segmentNumber);
 }
 
 int TCtreeTable::setNextSegment(short fieldNumber, short segmentSize, char caseSensitive) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   return impl_->schema.addSegment(fieldNumber, segmentSize, caseSensitive);
 }
 
 int TCtreeTable::shellOrder(int fieldNumber) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   return impl_->schema.addOrder(fieldNumber);
 }
 
 int TCtreeTable::initializeComplete() {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   return impl_->schema.complete();
 }
@@ -404,6 +430,7 @@ bool TCtreeTable::createHugeFile() { return false; }
 int TCtreeTable::hugeFileIncr() { return kDefaultGrowthMiB; }
 
 int TCtreeTable::create() {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   if (!impl_->schema.isComplete() || impl_->name.empty()) return TBL_NOT_DEFINED;
   int status = impl_->createFiles();
@@ -413,6 +440,7 @@ int TCtreeTable::create() {
 }
 
 int TCtreeTable::open(WZIndexing::TAccessEnum mode) {
+  TABLE_LOCK;
   if (impl_->open) return TBL_ALREADY_OPEN;
   if (!impl_->schema.isComplete() || impl_->name.empty()) return TBL_NOT_DEFINED;
   if (mode != WZIndexing::kAccessReadWrite && mode != WZIndexing::kAccessReadOnly)
@@ -448,13 +476,18 @@ int TCtreeTable::open(WZIndexing::TAccessEnum mode) {
 }
 
 int TCtreeTable::close() {
+  TABLE_LOCK;
   if (!impl_->open) return TBL_NOT_OPEN;
   return impl_->closeFiles();
 }
 
-bool TCtreeTable::isOpen() const { return impl_->open; }
+bool TCtreeTable::isOpen() const {
+  TABLE_LOCK;
+  return impl_->open;
+}
 
 void TCtreeTable::setRebuildMemoryLimit(size_t bytes) {
+  TABLE_LOCK;
   impl_->rebuildMemory = bytes < 4096 ? 4096 : bytes;
 }
 
@@ -479,58 +512,72 @@ int copyName(const std::string& name, char* buffer, unsigned int size) {
 }
 }  // namespace
 
-int TCtreeTable::getIndexesCount() { return static_cast<int>(impl_->schema.indexes().size()); }
+int TCtreeTable::getIndexesCount() {
+  TABLE_LOCK; return static_cast<int>(impl_->schema.indexes().size()); }
 
 int TCtreeTable::getIndexNameSize(int index) {
+  TABLE_LOCK;
   if (index < 0 || index >= getIndexesCount()) return -1;
   return static_cast<int>(impl_->schema.indexes()[index].name.size() + 1);
 }
 
 int TCtreeTable::getIndexName(int index, char* buffer, unsigned int size) {
+  TABLE_LOCK;
   if (index < 0 || index >= getIndexesCount()) return TBL_BAD_ARGUMENT;
   return copyName(impl_->schema.indexes()[index].name, buffer, size);
 }
 
-int TCtreeTable::getFieldsCount() { return static_cast<int>(impl_->schema.fields().size()); }
+int TCtreeTable::getFieldsCount() {
+  TABLE_LOCK; return static_cast<int>(impl_->schema.fields().size()); }
 
 int TCtreeTable::getFieldType(unsigned int field) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return -1;
   return impl_->schema.fields()[field].type;
 }
 
 int TCtreeTable::getFieldUnsignedFlag(unsigned int field) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return -1;
   const short type = impl_->schema.fields()[field].type;
   return (type == kFieldUInt8 || type == kFieldUInt32 || type == kFieldUInt64) ? 1 : 0;
 }
 
 int TCtreeTable::getFieldLength(unsigned int field) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return -1;
   return impl_->schema.fields()[field].length;
 }
 
 int TCtreeTable::getFieldOffset(unsigned int field) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return -1;
   return static_cast<int>(impl_->schema.fields()[field].offset);
 }
 
 int TCtreeTable::getFieldNameSize(unsigned int field) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return -1;
   return static_cast<int>(impl_->schema.fields()[field].name.size() + 1);
 }
 
 int TCtreeTable::getFieldName(unsigned int field, char* buffer, unsigned int size) {
+  TABLE_LOCK;
   if (field >= impl_->schema.fields().size()) return TBL_BAD_ARGUMENT;
   return copyName(impl_->schema.fields()[field].name, buffer, size);
 }
 
-int TCtreeTable::getFieldOrderCount() { return static_cast<int>(impl_->schema.order().size()); }
+int TCtreeTable::getFieldOrderCount() {
+  TABLE_LOCK; return static_cast<int>(impl_->schema.order().size()); }
 
 int TCtreeTable::getFieldIdInOrder(unsigned int order) {
+  TABLE_LOCK;
   if (order >= impl_->schema.order().size()) return -1;
   return impl_->schema.order()[order];
 }
 
-void TCtreeTable::setBypassMode(bool bypass) { impl_->bypass = bypass; }
+void TCtreeTable::setBypassMode(bool bypass) {
+  TABLE_LOCK; impl_->bypass = bypass; }
 
-bool TCtreeTable::getBypassMode() { return impl_->bypass; }
+bool TCtreeTable::getBypassMode() {
+  TABLE_LOCK; return impl_->bypass; }

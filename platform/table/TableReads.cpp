@@ -1,6 +1,7 @@
-// The read family. Every read runs in short read transactions (reset, not
-// freed, between operations) and, when it succeeds and bypass mode is off,
-// makes the record it returns the current record.
+// The read family. A read-write table reads inside its open group (every
+// write is seen); a read-only table in short read transactions, renewed for
+// every call. A read that succeeds makes the record it returns the calling
+// thread's current record, unless bypass mode is on.
 #include <algorithm>
 #include <cstring>
 
@@ -57,6 +58,7 @@ void TCtreeTable::Impl::expand(const MDB_val& stored, uint8_t* out) const {
 // marks the current record afterwards.
 int TCtreeTable::Impl::fetch(uint64_t recno, uint8_t* out) {
   if (positionedIndex < 0) positioned = false;
+  if (!recordCursor) return TBL_NOT_OPEN;
   MDB_val key{sizeof recno, &recno}, value;
   int rc = mdb_cursor_get(recordCursor, &key, &value, MDB_SET_KEY);
   if (rc != MDB_SUCCESS) return statusFromMdb(rc);
@@ -66,6 +68,7 @@ int TCtreeTable::Impl::fetch(uint64_t recno, uint8_t* out) {
 
 void TCtreeTable::Impl::setCurrent(int idx, const MDB_val& key, uint64_t recno) {
   if (bypass) return;
+  Current& current = ts().current;
   current.valid = current.exists = true;
   current.index = idx;
   current.recno = recno;
@@ -91,6 +94,7 @@ int TCtreeTable::Impl::finishRead(int idx, int rc, MDB_val* key, MDB_val* value,
   if (!bypass) {
     positioned = true;
     positionedIndex = idx;
+    positionedFor = &ts();
   }
   return TBL_OK;
 }
@@ -133,6 +137,7 @@ TCtreeTable::Impl::Seek TCtreeTable::Impl::seekEntry(int idx, const uint8_t* key
 }
 
 int TCtreeTable::Impl::positionFromCurrent(int idx, Seek* where, MDB_val* k, MDB_val* v) {
+  const Current& current = ts().current;
   if (!current.valid) return TBL_NO_CURRENT;
   int rc = MDB_SUCCESS;
   if (idx < 0) {
@@ -158,12 +163,14 @@ int TCtreeTable::Impl::step(int idx, void* buffer, bool forward, bool inSetMode)
   int status = checkIndex(idx, !inSetMode);
   if (status != TBL_OK) return status;
   if (!buffer) return TBL_BAD_ARGUMENT;
+  const Set& set = ts().set;
   if (inSetMode && (!set.active || set.index != idx)) return TBL_NO_CURRENT;
   status = beginRead(true, idx >= 0);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   Seek where = Seek::kAt;
   MDB_val k, v;
-  if (!positioned || positionedIndex != idx) {
+  if (!positioned || positionedIndex != idx || positionedFor != &ts()) {
     status = positionFromCurrent(idx, &where, &k, &v);
     if (status != TBL_OK) return status;
   }
@@ -175,7 +182,7 @@ int TCtreeTable::Impl::step(int idx, void* buffer, bool forward, bool inSetMode)
   } else {
     rc = mdb_cursor_get(cursor, &k, &v, where == Seek::kEnd ? MDB_LAST : MDB_PREV);
   }
-  if (rc == MDB_SUCCESS && inSetMode && !inSet(k)) rc = MDB_NOTFOUND;
+  if (rc == MDB_SUCCESS && inSetMode && !inSet(set, k)) rc = MDB_NOTFOUND;
   return finishRead(idx, rc, &k, &v, buffer);
 }
 
@@ -188,6 +195,7 @@ int TCtreeTable::Impl::keyedRead(int idx, const void* key, void* buffer, int mod
   const size_t length = storedKeyLength(ix, search, static_cast<size_t>(ix.keyLength));
   status = beginRead(true, true);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   MDB_cursor* cursor = indexCursor[idx];
   MDB_val k{length, const_cast<uint8_t*>(search)}, v;
   int rc;
@@ -228,13 +236,14 @@ int TCtreeTable::Impl::edgeRead(int idx, void* buffer, bool first) {
   if (!buffer) return TBL_BAD_ARGUMENT;
   status = beginRead(true, idx >= 0);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   MDB_cursor* cursor = idx < 0 ? recordCursor : indexCursor[idx];
   MDB_val k, v;
   int rc = mdb_cursor_get(cursor, &k, &v, first ? MDB_FIRST : MDB_LAST);
   return finishRead(idx, rc, &k, &v, buffer);
 }
 
-bool TCtreeTable::Impl::inSet(const MDB_val& key) const {
+bool TCtreeTable::Impl::inSet(const Set& set, const MDB_val& key) const {
   return hasPrefix(key, set.prefix.data(), set.prefix.size());
 }
 
@@ -254,6 +263,7 @@ int TCtreeTable::Impl::readRun(int idx, const void* key, int prefixLength,
   const size_t prefix = static_cast<size_t>(prefixLength);
   status = beginRead(true, true);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   positioned = false;
 
   MDB_cursor* cursor = indexCursor[idx];
@@ -294,6 +304,7 @@ int TCtreeTable::Impl::readRun(int idx, const void* key, int prefixLength,
     if (!bypass && onLast) {
       positioned = true;
       positionedIndex = idx;
+      positionedFor = &ts();
     }
   }
   return status;
@@ -307,12 +318,14 @@ int TCtreeTable::Impl::setRead(int idx, const void* key, void* buffer, int prefi
   const TableIndex& ix = schema.indexes()[idx];
   if (prefixLength < 0 || prefixLength > ix.keyLength) return TBL_BAD_ARGUMENT;
   const uint8_t* prefix = static_cast<const uint8_t*>(key);
+  Set& set = ts().set;
   set.active = true;
   set.index = idx;
   set.prefix.assign(prefix, prefix + prefixLength);
 
   status = beginRead(true, true);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   MDB_cursor* cursor = indexCursor[idx];
   MDB_val k, v;
   int rc;
@@ -340,7 +353,7 @@ int TCtreeTable::Impl::setRead(int idx, const void* key, void* buffer, int prefi
       else if (rc == MDB_NOTFOUND) rc = mdb_cursor_get(cursor, &k, &v, MDB_LAST);
     }
   }
-  if (rc == MDB_SUCCESS && !inSet(k)) rc = MDB_NOTFOUND;
+  if (rc == MDB_SUCCESS && !inSet(set, k)) rc = MDB_NOTFOUND;
   return finishRead(idx, rc, &k, &v, buffer);
 }
 
@@ -349,9 +362,10 @@ int TCtreeTable::Impl::readByNumber(void* buffer, int recordNumber, int length, 
   if (!buffer || length <= 0 || recordNumber <= 0) return TBL_BAD_ARGUMENT;
   int status = beginRead(true, false);
   if (status != TBL_OK) return status;
+  ReadScope scope{*this};
   uint64_t recno = static_cast<uint64_t>(recordNumber);
   MDB_val k{sizeof recno, &recno}, v;
-  int rc = mdb_get(dataRead, records, &k, &v);
+  int rc = mdb_get(dataTxn, records, &k, &v);
   if (rc != MDB_SUCCESS) return statusFromMdb(rc);
   expand(v, image.data());
   std::memcpy(buffer, image.data(), std::min(static_cast<size_t>(length), limit));
@@ -362,58 +376,76 @@ int TCtreeTable::Impl::readByNumber(void* buffer, int recordNumber, int length, 
 
 // ---------------------------------------------------------------------------
 
+#define TABLE_LOCK std::lock_guard<std::recursive_mutex> tableLock(impl_->mutex)
+
 int TCtreeTable::readByOffset(void* buffer, int recordNumber, int length) {
+  TABLE_LOCK;
   return impl_->readByNumber(buffer, recordNumber, length, impl_->schema.recordSize());
 }
 
 int TCtreeTable::readFixedByOffset(void* buffer, int recordNumber, int length) {
+  TABLE_LOCK;
   return impl_->readByNumber(buffer, recordNumber, length, impl_->schema.fixedRecordSize());
 }
 
 int TCtreeTable::firstInSet(int index, void* key, void* buffer, int prefixLength) {
+  TABLE_LOCK;
   return impl_->setRead(index, key, buffer, prefixLength, true);
 }
 
 int TCtreeTable::lastInSet(int index, void* key, void* buffer, int prefixLength) {
+  TABLE_LOCK;
   return impl_->setRead(index, key, buffer, prefixLength, false);
 }
 
-int TCtreeTable::nextInSet(int index, void* buffer) { return impl_->step(index, buffer, true, true); }
+int TCtreeTable::nextInSet(int index, void* buffer) {
+  TABLE_LOCK; return impl_->step(index, buffer, true, true); }
 
 int TCtreeTable::previousInSet(int index, void* buffer) {
+  TABLE_LOCK;
   return impl_->step(index, buffer, false, true);
 }
 
 int TCtreeTable::readRun(int index, const void* key, int prefixLength, RunReceiver& receiver) {
+  TABLE_LOCK;
   return impl_->readRun(index, key, prefixLength, receiver);
 }
 
 int TCtreeTable::getGTERecord(int index, void* key, void* buffer) {
+  TABLE_LOCK;
   return impl_->keyedRead(index, key, buffer, kGreaterEqual);
 }
 
 int TCtreeTable::getGTRecord(int index, void* key, void* buffer) {
+  TABLE_LOCK;
   return impl_->keyedRead(index, key, buffer, kGreater);
 }
 
 int TCtreeTable::getLTERecord(int index, void* key, void* buffer) {
+  TABLE_LOCK;
   return impl_->keyedRead(index, key, buffer, kLessEqual);
 }
 
 int TCtreeTable::getLTRecord(int index, void* key, void* buffer) {
+  TABLE_LOCK;
   return impl_->keyedRead(index, key, buffer, kLess);
 }
 
 int TCtreeTable::getRecord(int index, void* key, void* buffer) {
+  TABLE_LOCK;
   return impl_->keyedRead(index, key, buffer, kEqual);
 }
 
-int TCtreeTable::nextRecord(int index, void* buffer) { return impl_->step(index, buffer, true, false); }
+int TCtreeTable::nextRecord(int index, void* buffer) {
+  TABLE_LOCK; return impl_->step(index, buffer, true, false); }
 
 int TCtreeTable::previousRecord(int index, void* buffer) {
+  TABLE_LOCK;
   return impl_->step(index, buffer, false, false);
 }
 
-int TCtreeTable::firstRecord(int index, void* buffer) { return impl_->edgeRead(index, buffer, true); }
+int TCtreeTable::firstRecord(int index, void* buffer) {
+  TABLE_LOCK; return impl_->edgeRead(index, buffer, true); }
 
-int TCtreeTable::lastRecord(int index, void* buffer) { return impl_->edgeRead(index, buffer, false); }
+int TCtreeTable::lastRecord(int index, void* buffer) {
+  TABLE_LOCK; return impl_->edgeRead(index, buffer, false); }

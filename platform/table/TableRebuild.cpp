@@ -130,9 +130,13 @@ int TCtreeTable::Impl::loadIndex(int idx, ExternalSorter& sorter) {
 }
 
 int TCtreeTable::Impl::rebuild() {
-  // Marked suspended first: a rebuild cut short leaves a mark that the next
-  // open sees.
-  int status = setIndexState(0, true);
+  // The files first take every write so far (the rebuild reads the data
+  // file's committed state and writes the index file in transactions of its
+  // own). Marked suspended next: a rebuild cut short leaves a mark that the
+  // next open sees.
+  int status = checkpoint();
+  if (status != TBL_OK) return status;
+  status = setIndexState(true);
   if (status != TBL_OK) return status;
   suspended = true;
   status = write(index, [&](MDB_txn* txn) {
@@ -143,13 +147,15 @@ int TCtreeTable::Impl::rebuild() {
   if (status != TBL_OK) return status;
   std::vector<std::unique_ptr<ExternalSorter>> sorters;
   status = sortAllIndexes(sorters);
+  abortGroup();  // it only read; the index file's loads need no open group
   for (size_t i = 0; status == TBL_OK && i < indexDbi.size(); ++i) {
     status = loadIndex(static_cast<int>(i), *sorters[i]);
     sorters[i].reset();  // frees its memory and its run file
   }
   if (status != TBL_OK) return status;
-  status = setIndexState(data.lastTxnId(), false);
+  status = setIndexState(false);
   if (status != TBL_OK) return status;
+  indexLsn = dataLsn;
   suspended = false;
   indexStale = false;
   return TBL_OK;
@@ -194,7 +200,7 @@ int TCtreeTable::Impl::consistency(std::string* report) {
       if (ix.duplicates) {
         found = mdb_cursor_get(indexCursor[i], &key, &value, MDB_GET_BOTH);
       } else {
-        found = mdb_get(indexRead, indexDbi[i], &key, &value);
+        found = mdb_get(indexTxn, indexDbi[i], &key, &value);
         if (found == MDB_SUCCESS && (value.mv_size != sizeof recno ||
                                      std::memcmp(value.mv_data, &recno, sizeof recno) != 0))
           found = MDB_NOTFOUND;
@@ -218,7 +224,7 @@ int TCtreeTable::Impl::consistency(std::string* report) {
       uint64_t recno = 0;
       if (v.mv_size == sizeof recno) std::memcpy(&recno, v.mv_data, sizeof recno);
       MDB_val rk{sizeof recno, &recno}, rv;
-      int found = mdb_get(dataRead, records, &rk, &rv);
+      int found = mdb_get(dataTxn, records, &rk, &rv);
       if (found == MDB_NOTFOUND)
         return fail("index %" PRIu64 " holds record %" PRIu64 ", which does not exist", i, recno);
       if (found != MDB_SUCCESS) return statusFromMdb(found);
@@ -241,15 +247,17 @@ int TCtreeTable::Impl::consistency(std::string* report) {
 // ---------------------------------------------------------------------------
 
 int TCtreeTable::suspendIndexing() {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
   Impl& im = *impl_;
   if (!im.open || im.readOnly) return -1;
   if (im.suspended) return TBL_OK;
-  if (im.setIndexState(0, true) != TBL_OK) return -1;
+  if (im.checkpoint() != TBL_OK || im.setIndexState(true) != TBL_OK) return -1;
   im.suspended = true;
   return TBL_OK;
 }
 
 int TCtreeTable::resumeIndexingAndRebuild() {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
   Impl& im = *impl_;
   if (!im.open) return TBL_NOT_OPEN;
   if (im.readOnly) return TBL_READ_ONLY;
@@ -260,20 +268,26 @@ int TCtreeTable::resumeIndexingAndRebuild() {
   return status;
 }
 
-int TCtreeTable::checkConsistency(std::string* report) { return impl_->consistency(report); }
+int TCtreeTable::checkConsistency(std::string* report) {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
+  return impl_->consistency(report);
+}
 
 int64_t TCtreeTable::currentRecordNumber() const {
-  const Impl& im = *impl_;
-  return im.current.valid && im.current.exists ? static_cast<int64_t>(im.current.recno) : 0;
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
+  const Impl::Current& current = impl_->ts().current;
+  return current.valid && current.exists ? static_cast<int64_t>(current.recno) : 0;
 }
 
 int64_t TCtreeTable::numberOfRecords() {
+  std::lock_guard<std::recursive_mutex> lock(impl_->mutex);
   Impl& im = *impl_;
   if (!im.open) return -TBL_NOT_OPEN;
   int status = im.beginRead(true, false);
   if (status != TBL_OK) return -status;
+  Impl::ReadScope scope{im};
   MDB_stat stat;
-  int rc = mdb_stat(im.dataRead, im.records, &stat);
+  int rc = mdb_stat(im.dataTxn, im.records, &stat);
   if (rc != MDB_SUCCESS) return -statusFromMdb(rc);
   return static_cast<int64_t>(stat.ms_entries);
 }

@@ -26,6 +26,7 @@ const char* TCtreeTable::errToString(int status) {
     case TBL_READ_ONLY: return "table opened read-only";
     case TBL_ACCESS_DENIED:
       return "access denied: no permission on a table file or its directory, or a read-only file system";
+    case TBL_NO_MEMORY: return "not enough memory or address space to map a table file";
     default: break;
   }
   // One buffer per thread: the text stays valid until this thread asks again.

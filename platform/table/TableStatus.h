@@ -25,4 +25,5 @@ enum TableStatus : int {
   TBL_FILES_MISMATCH = 118,    // the data and index files come from different tables
   TBL_READ_ONLY = 119,         // a write on a table opened read-only
   TBL_ACCESS_DENIED = 120,     // no permission on a table file or its directory, read-only file system
+  TBL_NO_MEMORY = 121,         // no memory or address space to map a table file
 };

@@ -63,7 +63,7 @@ TEST_F(ExportsTest, OpenAndReadsOfARealTable) {
   capture->Clear();
   WzScanDBObjectOpen(h, err, WZIndexing::kAccessReadWrite);
   ExpectOpenError(err, TBL_ALREADY_OPEN);
-  WzScanDBObjectOpen(registered(dir.path()), err, WZIndexing::kAccessReadOnly);
+  WzScanDBObjectOpen(registered(dir.path()), err, WZIndexing::kAccessReadWrite);
   ExpectOpenError(err, TBL_IN_USE);
   WzScanDBObjectOpen(registered(emptyDir.path()), err, WZIndexing::kAccessReadWrite);
   ExpectOpenError(err, TBL_FILE_MISSING);
