@@ -225,6 +225,12 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   bool isOpen() const;
   // Check every page at every open (see Files above), whatever the settings.
   void setVerifyOnOpen(bool always);
+  // Brings the closed table `name` (path without extension) whose writer did
+  // not close it to the state a clean close leaves: opens it with the schema
+  // its data file records (every page checked), replays its log and closes
+  // it. TBL_OK at once when there is no log; TBL_IN_USE while another object
+  // holds it; any open status otherwise.
+  static int settle(const char* name);
 
   // Writes made by this thread while a BulkWrites lives are kept in memory
   // and reach the log together when it ends (or when 1 MiB gathered, or when

@@ -52,7 +52,8 @@ int checkHeader(MDB_txn* txn, MDB_dbi main, const char (&magic)[8], const std::s
   return stored == schema ? TBL_OK : TBL_SCHEMA_MISMATCH;
 }
 
-int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* tableId) {
+int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* tableId,
+                    std::string* schemaOut) {
   LmdbFile file;
   int status = file.openFile(path, false, true);
   if (status == TBL_OK) status = file.validate(nullptr, true);
@@ -65,6 +66,7 @@ int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* ta
   if (rc == MDB_SUCCESS) rc = mdb_dbi_open(txn, nullptr, 0, &main);
   status = rc == MDB_SUCCESS ? readHeader(txn, main, magic, tableId, &schema) : statusFromMdb(rc);
   if (txn) mdb_txn_abort(txn);
+  if (status == TBL_OK && schemaOut) *schemaOut = schema;
   return status;
 }
 

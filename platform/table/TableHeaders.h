@@ -22,9 +22,11 @@ int checkHeader(MDB_txn* txn, MDB_dbi main, const char (&magic)[8], const std::s
 int readHeader(MDB_txn* txn, MDB_dbi main, const char (&magic)[8], uint8_t* tableId,
                std::string* schema);
 
-// The table id in the header of the closed file at `path` (kDataMagic or
-// kIndexMagic), read through a read-only map after a full page check.
-int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* tableId);
+// The table id (and, when `schema` is given, the stored schema) in the
+// header of the closed file at `path` (kDataMagic or kIndexMagic), read
+// through a read-only map after a full page check.
+int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* tableId,
+                    std::string* schema = nullptr);
 
 unsigned indexDbFlags(const TableIndex& index);
 std::string indexDbName(size_t n);

@@ -1,5 +1,6 @@
 #include "TableSchema.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "table/TFieldType.h"
@@ -167,6 +168,90 @@ std::string TableSchema::serialize() const {
     putU32(out, s.caseSensitive ? 1 : 0);
   }
   return out;
+}
+
+namespace {
+
+// Reads the stored form front to back; any read past the end fails it.
+class Reader {
+ public:
+  explicit Reader(const std::string& bytes) : bytes_(bytes) {}
+  uint32_t u32() { return take<uint32_t>(); }
+  uint64_t u64() { return take<uint64_t>(); }
+  std::string str() {
+    const uint32_t size = u32();
+    if (!ok_ || size > bytes_.size() - at_) return fail(std::string());
+    std::string out = bytes_.substr(at_, size);
+    at_ += size;
+    return out;
+  }
+  bool done() const { return ok_ && at_ == bytes_.size(); }
+  bool ok() const { return ok_; }
+
+ private:
+  template <typename T>
+  T take() {
+    T value{};
+    if (!ok_ || sizeof value > bytes_.size() - at_) return fail(value);
+    std::memcpy(&value, bytes_.data() + at_, sizeof value);
+    at_ += sizeof value;
+    return value;
+  }
+  template <typename T>
+  T fail(T value) {
+    ok_ = false;
+    return value;
+  }
+  const std::string& bytes_;
+  size_t at_ = 0;
+  bool ok_ = true;
+};
+
+}  // namespace
+
+int TableSchema::parse(const std::string& bytes) {
+  Reader in(bytes);
+  const uint32_t variable = in.u32(), recordSize = in.u32(), fixedSize = in.u32();
+  std::vector<TableField> fields(in.ok() ? std::min<uint32_t>(in.u32(), kHardMaxFields + 1) : 0);
+  for (TableField& f : fields) {
+    f.name = in.str();
+    f.offset = in.u64();
+    f.type = static_cast<int16_t>(in.u32());
+    f.length = static_cast<int16_t>(in.u32());
+  }
+  std::vector<TableIndex> indexes(in.ok() ? std::min<uint32_t>(in.u32(), kHardMaxIndices + 1) : 0);
+  for (TableIndex& i : indexes) {
+    i.name = in.str();
+    i.keyLength = static_cast<int16_t>(in.u32());
+    i.keyType = static_cast<int32_t>(in.u32());
+    i.duplicates = in.u32() != 0;
+    i.numSegments = static_cast<int16_t>(in.u32());
+    i.firstSegment = static_cast<int16_t>(in.u32());
+  }
+  std::vector<TableSegment> segments(in.ok() ? std::min<uint32_t>(in.u32(), kHardMaxSegments + 1) : 0);
+  for (TableSegment& s : segments) {
+    s.fieldNumber = static_cast<int16_t>(in.u32());
+    s.segmentSize = static_cast<int16_t>(in.u32());
+    s.caseSensitive = in.u32() != 0;
+  }
+  if (!in.done()) return TBL_BAD_FORMAT;
+  const TableLimits hard{kHardMaxFields, kHardMaxIndices, kHardMaxSegments};
+  int status = begin(variable, static_cast<unsigned>(fields.size()), static_cast<unsigned>(indexes.size()),
+                     static_cast<unsigned>(segments.size()), recordSize, fixedSize, hard);
+  for (const TableField& f : fields)
+    if (status == TBL_OK) status = addField(f.name.c_str(), f.offset, f.type, f.length);
+  for (const TableIndex& i : indexes)
+    if (status == TBL_OK)
+      status = addIndex(i.name.c_str(), i.keyLength, i.keyType, i.duplicates ? 1 : 0, 0, 0,
+                        i.numSegments, i.firstSegment);
+  for (const TableSegment& s : segments)
+    if (status == TBL_OK) status = addSegment(s.fieldNumber, s.segmentSize, s.caseSensitive ? 1 : 0);
+  if (status == TBL_OK) status = complete();
+  if (status != TBL_OK || serialize() != bytes) {
+    clear();
+    return TBL_BAD_FORMAT;
+  }
+  return TBL_OK;
 }
 
 }  // namespace wztable

@@ -78,6 +78,9 @@ class TableSchema {
   // The schema's identity as stored in the files: sizes, every field, index
   // and segment. Two schemas are the same table layout iff these are equal.
   std::string serialize() const;
+  // Rebuilds a schema from its stored form (serialize()'s output), through
+  // the same checks as registration. TBL_BAD_FORMAT for anything else.
+  int parse(const std::string& bytes);
 
  private:
   bool started_ = false;

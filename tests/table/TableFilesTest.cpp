@@ -181,3 +181,56 @@ TEST(TableFiles, FileSizeLimitGivesFileFull) {
   ASSERT_EQ(waitpid(child, &wstatus, 0), child);
   EXPECT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0) << "wait status " << wstatus;
 }
+
+// A writer that ends without close() leaves its log: the next read-write open
+// replays it (every page checked), a read-only open reads the last checkpoint,
+// and settle() brings the closed files to a clean state knowing no schema.
+TEST(TableFiles, LogOfAWriterThatDidNotCloseIsReplayed) {
+  TempDir dir;
+  const std::string name = dir / "t";
+  const SchemaLayout layout = SchemaLayout::generic();
+  auto write = [&](int from, int to) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      TCtreeTable table;
+      int status = openTable(table, name, layout);
+      if (status == TBL_FILE_MISSING) status = createTable(table, name, layout);
+      for (int i = from; status == TBL_OK && i < to; ++i)
+        status = table.addRecord(genericRecord(uint8_t(i), 1, "n" + std::to_string(i)).data());
+      _exit(status == TBL_OK ? 0 : 1);  // no close: the log stays
+    }
+    int wstatus = 0;
+    ASSERT_EQ(waitpid(child, &wstatus, 0), child);
+    ASSERT_TRUE(WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0);
+    ASSERT_TRUE(fileExists(name + ".log"));
+  };
+  auto count = [&](TCtreeTable& table) {
+    Image out(440);
+    int n = 0;
+    for (int s = table.firstRecord(-1, out.data()); s == TBL_OK; s = table.nextRecord(-1, out.data())) ++n;
+    return n;
+  };
+  write(0, 30);
+  {
+    TCtreeTable reader;
+    ASSERT_EQ(openTable(reader, name, layout, WZIndexing::kAccessReadOnly), TBL_OK);
+    EXPECT_EQ(count(reader), 0);  // nothing was checkpointed
+  }
+  {
+    TCtreeTable table;
+    ASSERT_EQ(openTable(table, name, layout), TBL_OK);
+    EXPECT_EQ(count(table), 30);
+    EXPECT_EQ(table.checkConsistency(), TBL_OK);
+    ASSERT_EQ(table.close(), TBL_OK);
+    EXPECT_FALSE(fileExists(name + ".log"));
+  }
+  write(30, 45);
+  EXPECT_EQ(TCtreeTable::settle(name.c_str()), TBL_OK);
+  EXPECT_FALSE(fileExists(name + ".log"));
+  EXPECT_EQ(TCtreeTable::settle(name.c_str()), TBL_OK);  // nothing left to do
+  TCtreeTable reader;
+  ASSERT_EQ(openTable(reader, name, layout, WZIndexing::kAccessReadOnly), TBL_OK);
+  EXPECT_EQ(count(reader), 45);
+  EXPECT_EQ(reader.checkConsistency(), TBL_OK);
+}

@@ -54,6 +54,11 @@ inline Image smallRecord(uint64_t id, uint64_t group, uint32_t inode, const std:
   return image;
 }
 
+inline bool fileExists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
 // The key of `index` built from an image through fillKeySegment / finishKey,
 // into a buffer with 32 spare bytes as the scan database does.
 inline Image engineKey(TCtreeTable& table, const SchemaLayout& layout, int index,
