@@ -175,7 +175,32 @@ int LmdbFile::ensureRoom(size_t bytes) {
   if (mdb_env_info(env_, &info) != 0 || mdb_env_stat(env_, &stat) != 0) return TBL_IO_ERROR;
   const uint64_t used = (static_cast<uint64_t>(info.me_last_pgno) + 1) * stat.ms_psize;
   if (used + bytes <= mapSize_) return TBL_OK;
-  return grow(static_cast<size_t>(used + bytes - mapSize_));
+  // A full step when the disk has it, less (down to a MiB) near its limit.
+  return grow(kMiB);
+}
+
+uint64_t LmdbFile::nextPage(MDB_txn* txn) const {
+  // struct MDB_txn begins: parent, child, next page number, id, environment.
+  struct Head {
+    void* parent;
+    void* child;
+    size_t nextPage;
+    size_t id;
+    MDB_env* env;
+  };
+  if (!txn || !env_) return 0;
+  Head head;
+  std::memcpy(&head, txn, sizeof head);
+  if (head.env != env_ || head.env != mdb_txn_env(txn) || head.id != mdb_txn_id(txn) ||
+      head.parent != nullptr)
+    return 0;
+  return head.nextPage;
+}
+
+uint64_t LmdbFile::mapPages() const {
+  MDB_stat stat;
+  if (!env_ || mdb_env_stat(env_, &stat) != 0 || stat.ms_psize == 0) return 0;
+  return mapSize_ / stat.ms_psize;
 }
 
 uint64_t LmdbFile::lastTxnId() const {

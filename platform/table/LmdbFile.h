@@ -52,7 +52,8 @@ class LmdbFile {
   // Enlarges the map by the growth step (at least `minExtra` bytes).
   // TBL_FILE_FULL past the cap or when the disk refuses the blocks.
   int grow(size_t minExtra = 0);
-  // Grows the map when fewer than `bytes` lie past the last page in use.
+  // Grows the map when fewer than `bytes` lie past the last page in use (by
+  // a growth step, or less when the disk or a size limit leaves less).
   int ensureRoom(size_t bytes);
   // The growth step: the configured step or 1/8 of the map, the larger.
   size_t growStep() const { return growStep_ > mapSize_ / 8 ? growStep_ : mapSize_ / 8; }
@@ -62,6 +63,15 @@ class LmdbFile {
   // Closes without flushing or resizing, leaving the file as it was (used
   // after a failed open).
   void abandon();
+
+  // The next page a write transaction of this environment would allocate,
+  // or 0 when it cannot be told. LMDB does not publish it: it is read from
+  // the transaction's first fields (LMDB 0.9's layout), and trusted only
+  // when the fields beside it hold the transaction's id and environment, as
+  // LMDB reports them.
+  uint64_t nextPage(MDB_txn* txn) const;
+  // Pages the map holds.
+  uint64_t mapPages() const;
 
   MDB_env* env() const { return env_; }
   bool readOnly() const { return readOnly_; }

@@ -61,8 +61,9 @@ int TCtreeTable::Impl::beginGroup() {
   // Room for the group, when the disk has it (a file is opened at its own
   // size): growing inside a group costs a replay. A full disk is reported by
   // the write that needs the room.
-  data.ensureRoom(data.growStep());
-  index.ensureRoom(index.growStep());
+  const bool grew = data.ensureRoom(data.growStep()) == TBL_OK &&
+                    index.ensureRoom(index.growStep()) == TBL_OK;
+  growthBlocked = !grew;
   // The group may reuse pages that snapshots older than the last commit
   // hold; readers of other table objects must have left them.
   int status = waitForOlderReaders(data.fd(), data.lastTxnId());
@@ -84,7 +85,19 @@ int TCtreeTable::Impl::beginGroup() {
   }
   dataActive = indexActive = true;
   positioned = false;
+  dataGroupStart = data.nextPage(dataTxn);
+  indexGroupStart = index.nextPage(indexTxn);
   return TBL_OK;
+}
+
+bool TCtreeTable::Impl::roomLow(const LmdbFile& file, MDB_txn* txn, uint64_t groupStart) const {
+  // A group that runs out of map must be replayed into a larger one: it is
+  // committed first, while the map still has room for one more write and for
+  // the lists of the pages it freed.
+  const uint64_t next = file.nextPage(txn);
+  if (next == 0 || groupStart == 0 || next <= groupStart) return false;
+  const uint64_t headroom = 256 + (next - groupStart) / 64;
+  return next + headroom > file.mapPages();
 }
 
 void TCtreeTable::Impl::abortGroup() {
@@ -230,101 +243,65 @@ int TCtreeTable::Impl::putLsn(MDB_txn* txn, MDB_dbi main, uint64_t lsn) {
   return mdb_put(txn, main, &key, &value, 0);
 }
 
-int TCtreeTable::Impl::applyAdd(uint64_t recno, const uint8_t* full, size_t length, bool toData,
-                                bool toIndex, const std::vector<std::vector<uint8_t>>* builtKeys) {
-  int rc = MDB_SUCCESS;
-  if (toIndex) {
-    if (!builtKeys) {
-      buildKeys(full, keys);
-      builtKeys = &keys;
+int TCtreeTable::Impl::applyIndexChange(uint64_t recno, const Keys* removed, const Keys* added) {
+  MDB_val value = valOf(&recno, sizeof recno);
+  auto entry = [this](size_t i, const Keys& keys) {
+    const auto& k = keys[i];
+    return valOf(k.data(), storedKeyLength(schema.indexes()[i], k.data(), k.size()));
+  };
+  for (size_t i = 0; i < indexDbi.size(); ++i) {
+    if (removed && added && (*removed)[i] == (*added)[i]) continue;
+    const bool dups = schema.indexes()[i].duplicates;
+    int rc = MDB_SUCCESS;
+    if (added) {
+      // The new entry first: on a unique index it meets any other record's
+      // key here, and the indexes changed so far are put back.
+      MDB_val key = entry(i, *added);
+      rc = mdb_put(indexTxn, indexDbi[i], &key, &value, dups ? MDB_NODUPDATA : MDB_NOOVERWRITE);
+      if (rc == MDB_KEYEXIST) {
+        for (size_t j = i; j-- > 0;) {
+          if (removed && (*removed)[j] == (*added)[j]) continue;
+          MDB_val back = entry(j, *added);
+          mdb_del(indexTxn, indexDbi[j], &back, schema.indexes()[j].duplicates ? &value : nullptr);
+          if (removed) {
+            MDB_val old = entry(j, *removed);
+            mdb_put(indexTxn, indexDbi[j], &old, &value, 0);
+          }
+        }
+        return rc;
+      }
     }
-    MDB_val value = valOf(&recno, sizeof recno);
-    for (size_t i = 0; rc == MDB_SUCCESS && i < indexDbi.size(); ++i) {
-      const TableIndex& idx = schema.indexes()[i];
-      const auto& k = (*builtKeys)[i];
-      MDB_val key = valOf(k.data(), storedKeyLength(idx, k.data(), k.size()));
-      rc = mdb_put(indexTxn, indexDbi[i], &key, &value, idx.duplicates ? MDB_NODUPDATA : MDB_NOOVERWRITE);
+    if (rc == MDB_SUCCESS && removed) {
+      MDB_val key = entry(i, *removed);
+      rc = mdb_del(indexTxn, indexDbi[i], &key, dups ? &value : nullptr);
     }
-    if (rc == MDB_MAP_FULL) fullFile = &index;
-    if (rc != MDB_SUCCESS) return rc;
+    if (rc != MDB_SUCCESS) {
+      if (rc == MDB_MAP_FULL) fullFile = &index;
+      return rc;
+    }
   }
-  if (toData) {
-    MDB_val key = valOf(&recno, sizeof recno), value = valOf(full, length);
-    rc = mdb_put(dataTxn, records, &key, &value, MDB_APPEND);
-    if (rc == MDB_MAP_FULL) fullFile = &data;
-    if (rc != MDB_SUCCESS) return rc;
-  }
-  if (recno >= nextRecno) nextRecno = recno + 1;
   return MDB_SUCCESS;
 }
 
-int TCtreeTable::Impl::applyModify(uint64_t recno, const uint8_t* full, size_t length,
-                                   bool toData, bool toIndex,
-                                   const std::vector<std::vector<uint8_t>>* previousKeys) {
-  int rc = MDB_SUCCESS;
-  if (toIndex) {
-    if (!previousKeys) {
-      int status = fetch(recno, oldImage.data());
-      if (status != TBL_OK) return status == TBL_NOT_FOUND ? MDB_CORRUPTED : MDB_PANIC;
-      buildKeys(oldImage.data(), oldKeys);
-      buildKeys(full, keys);
-      previousKeys = &oldKeys;
-    }
-    MDB_val value = valOf(&recno, sizeof recno);
-    for (size_t i = 0; rc == MDB_SUCCESS && i < indexDbi.size(); ++i) {
-      const TableIndex& idx = schema.indexes()[i];
-      const auto& before = (*previousKeys)[i];
-      const auto& after = keys[i];
-      if (before == after) continue;
-      MDB_val oldKey = valOf(before.data(), storedKeyLength(idx, before.data(), before.size()));
-      rc = mdb_del(indexTxn, indexDbi[i], &oldKey, idx.duplicates ? &value : nullptr);
-      if (rc != MDB_SUCCESS) break;
-      MDB_val newKey = valOf(after.data(), storedKeyLength(idx, after.data(), after.size()));
-      rc = mdb_put(indexTxn, indexDbi[i], &newKey, &value,
-                   idx.duplicates ? MDB_NODUPDATA : MDB_NOOVERWRITE);
-    }
-    if (rc == MDB_MAP_FULL) fullFile = &index;
-    if (rc != MDB_SUCCESS) return rc;
-  }
-  if (toData) {
-    MDB_val key = valOf(&recno, sizeof recno), value = valOf(full, length);
-    rc = mdb_put(dataTxn, records, &key, &value, 0);
-    if (rc == MDB_MAP_FULL) fullFile = &data;
-  }
-  return rc;
-}
-
-int TCtreeTable::Impl::applyDelete(uint64_t recno, bool toData, bool toIndex,
-                                   const std::vector<std::vector<uint8_t>>* previousKeys) {
-  int rc = MDB_SUCCESS;
-  if (toIndex) {
-    if (!previousKeys) {
-      int status = fetch(recno, oldImage.data());
-      if (status != TBL_OK) return status == TBL_NOT_FOUND ? MDB_CORRUPTED : MDB_PANIC;
-      buildKeys(oldImage.data(), oldKeys);
-      previousKeys = &oldKeys;
-    }
-    MDB_val value = valOf(&recno, sizeof recno);
-    for (size_t i = 0; rc == MDB_SUCCESS && i < indexDbi.size(); ++i) {
-      const TableIndex& idx = schema.indexes()[i];
-      const auto& k = (*previousKeys)[i];
-      MDB_val key = valOf(k.data(), storedKeyLength(idx, k.data(), k.size()));
-      rc = mdb_del(indexTxn, indexDbi[i], &key, idx.duplicates ? &value : nullptr);
-    }
-    if (rc == MDB_MAP_FULL) fullFile = &index;
-    if (rc != MDB_SUCCESS) return rc;
-  }
-  if (toData) {
+int TCtreeTable::Impl::applyData(TableLog::Op op, uint64_t recno, const uint8_t* stored,
+                                 size_t length) {
+  MDB_val key = valOf(&recno, sizeof recno);
+  int rc;
+  if (op == TableLog::kDelete) {
     const bool highest = recno + 1 == nextRecno;
-    MDB_val key = valOf(&recno, sizeof recno);
     rc = mdb_del(dataTxn, records, &key, nullptr);
     if (rc == MDB_SUCCESS && highest) {
       // Remember the number so that it is never handed out again.
       MDB_val hk = valOf(kHighWaterKey, std::strlen(kHighWaterKey)), hv = valOf(&recno, sizeof recno);
       rc = mdb_put(dataTxn, dataMain, &hk, &hv, 0);
     }
-    if (rc == MDB_MAP_FULL) fullFile = &data;
+  } else {
+    MDB_val value = valOf(stored, length);
+    const bool append = op == TableLog::kAdd && recno >= nextRecno;
+    rc = mdb_put(dataTxn, records, &key, &value, append ? MDB_APPEND : 0);
+    if (rc == MDB_SUCCESS && recno >= nextRecno) nextRecno = recno + 1;
   }
+  if (rc == MDB_MAP_FULL) fullFile = &data;
   return rc;
 }
 
@@ -338,8 +315,7 @@ void TCtreeTable::Impl::reportFlushFailure(int status, const char* when) {
               name.c_str(), when, errToString(status));
 }
 
-int TCtreeTable::Impl::logWrite(TableLog::Op op, uint64_t recno, const uint8_t* payload,
-                                size_t length) {
+int TCtreeTable::Impl::reserveLog(size_t length) {
   if (!log.isOpen()) {
     // The session's first write: from now on a crash leaves the log behind,
     // and the next open replays it.
@@ -353,29 +329,64 @@ int TCtreeTable::Impl::logWrite(TableLog::Op op, uint64_t recno, const uint8_t* 
       flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
                     [this](int s) { reportFlushFailure(s, "flushing the log"); });
   }
-  return log.append(op, recno, payload, static_cast<uint32_t>(length), ts().bulk > 0, nullptr);
+  int status = log.reserve(length);
+  if (status != TBL_OK && log.recordBytes() > 0) {
+    // No room to grow the log: the files take what it holds, and it starts
+    // again from its beginning.
+    int checkpointed = checkpoint();
+    if (checkpointed != TBL_OK) return checkpointed;
+    status = log.reserve(length);
+  }
+  if (status != TBL_OK)
+    self->debug(-1, "Table %s: no room in the log %s for a write (%s)", name.c_str(),
+                logPath().c_str(), errToString(status));
+  return status;
 }
 
-int TCtreeTable::Impl::afterApplyFailure(int rc) {
-  // The group is unusable now. With a full map: grow it and replay the log,
-  // which holds this write too. Otherwise, or when the map cannot grow, the
-  // write is taken back out of the log and the group rebuilt without it.
-  positioned = false;
-  if (groupNeedsRecovery(rc)) {
-    LmdbFile* full = rc == MDB_MAP_FULL ? fullFile : nullptr;
-    int status = recover(full);
-    if (status == TBL_OK) return TBL_OK;
-    rc = status;
-  } else {
-    rc = statusFromMdb(rc);
+int TCtreeTable::Impl::applyWrite(TableLog::Op op, uint64_t recno, const uint8_t* full,
+                                  size_t length, const Keys* removed, const Keys* added) {
+  // Room in the log first (a checkpoint may be needed to make it, which
+  // must not see half a write); then the write is applied, and logged once
+  // applied: a write that fails to apply never reaches the log. A failure
+  // part-way leaves the group to be rebuilt from the log, which holds every
+  // write before this one (growing the map when it was full), and the write
+  // is tried again.
+  int status = reserveLog(length);
+  if (status != TBL_OK) return status;
+  status = beginGroup();
+  if (status != TBL_OK) return status;
+  if (roomLow(data, dataTxn, dataGroupStart) || roomLow(index, indexTxn, indexGroupStart)) {
+    // The group is committed while the map still has room for the commit
+    // (the lists of the pages it freed); the next group grows the map. When
+    // the map cannot grow (a full disk, a size limit), such a commit is what
+    // lets later groups reuse the pages earlier ones replaced, at the cost of
+    // disk flushes: a delete (which makes room) always gets one, other writes
+    // one a second at most, and otherwise fail at once.
+    const auto now = std::chrono::steady_clock::now();
+    if (growthBlocked && op != TableLog::kDelete && now - lastRecycle < std::chrono::seconds(1))
+      return TBL_FILE_FULL;
+    if (growthBlocked) lastRecycle = now;
+    status = checkpoint();
+    if (status != TBL_OK) return status;
   }
-  int status = log.dropLast();
-  if (status == TBL_OK) status = recover(nullptr);
-  if (status != TBL_OK) {
-    failure = status;
-    reportFlushFailure(status, "taking back a failed write");
+  for (int attempt = 0;; ++attempt) {
+    status = beginGroup();  // (a checkpoint above ends the group)
+    if (status != TBL_OK) return status;
+    int rc = (removed || added) ? applyIndexChange(recno, removed, added) : MDB_SUCCESS;
+    if (rc == MDB_SUCCESS) rc = applyData(op, recno, full, length);
+    if (rc == MDB_SUCCESS) break;
+    if (rc == MDB_KEYEXIST && op != TableLog::kDelete) return TBL_DUPLICATE_KEY;
+    const bool needsRoom = groupNeedsRecovery(rc);
+    status = recover(rc == MDB_MAP_FULL ? fullFile : nullptr);
+    if (!needsRoom) {
+      if (status != TBL_OK) return status;
+      return rc == MDB_NOTFOUND || rc == MDB_KEYEXIST ? TBL_BAD_FORMAT : statusFromMdb(rc);
+    }
+    if (status != TBL_OK) return status;  // the map cannot grow
+    if (attempt >= 8) return TBL_FILE_FULL;
   }
-  return rc;
+  log.append(op, recno, full, static_cast<uint32_t>(length));
+  return afterWrite();
 }
 
 int TCtreeTable::Impl::afterWrite() {
@@ -398,15 +409,9 @@ int TCtreeTable::Impl::afterWrite() {
 
 int TCtreeTable::Impl::checkpoint() {
   if (!open || readOnly) return TBL_OK;
-  int status = log.isOpen() ? log.flushBuffer() : TBL_OK;
-  if (status != TBL_OK) {
-    failure = status;
-    reportFlushFailure(status, "writing the log");
-    return status;
-  }
   // The log goes to the disk before the files move past it, so that the
   // files never hold a write that a power loss could take from the log.
-  status = log.isOpen() ? log.sync() : TBL_OK;
+  int status = log.isOpen() ? log.sync() : TBL_OK;
   if (status != TBL_OK) {
     failure = status;
     reportFlushFailure(status, "flushing the log");
@@ -441,8 +446,11 @@ int TCtreeTable::Impl::checkpoint() {
       abortGroup();
       if (rc == MDB_MAP_FULL && attempt < 8) {
         // Committing needs room for the free-page lists: grow and try again.
+        // Without room the table keeps every write (in the group and the
+        // log) and says so; nothing failed that a later checkpoint cannot do.
         status = recover(fullFile);
         if (status == TBL_OK) continue;
+        if (status == TBL_FILE_FULL || status == TBL_NO_MEMORY) return status;
       } else {
         status = statusFromMdb(rc);
       }
@@ -473,24 +481,30 @@ int TCtreeTable::Impl::checkpoint() {
 int TCtreeTable::Impl::recover(LmdbFile* grow) {
   abortGroup();
   nextRecno = committedNextRecno;
+  // The writes already in the log fitted in the map as it is: they are
+  // replayed whether or not it grows; only a write that did not fit needs the
+  // room, and learns from the answer whether it got it.
+  int grown = TBL_OK;
   for (int attempt = 0; attempt < 64; ++attempt) {
     if (grow) {
       // Each further attempt asks for at least twice as much room as the one
       // before (a step never below the file's growth step, unless the disk
       // has less).
-      int status = grow->grow(size_t{1} << (20 + (attempt < 12 ? attempt : 12)));
-      if (status != TBL_OK) {
-        if (!grow->env()) {
-          failure = status;
-          self->debug(-1, "Table %s: the map of %s could not grow (%s) and is closed", name.c_str(),
-                      grow->path().c_str(), errToString(status));
-        }
+      const int status = grow->grow(size_t{1} << (20 + (attempt < 12 ? attempt : 12)));
+      if (status != TBL_OK && !grow->env()) {
+        failure = status;
+        self->debug(-1, "Table %s: the map of %s could not grow (%s) and is closed", name.c_str(),
+                    grow->path().c_str(), errToString(status));
         return status;
       }
+      if (status != TBL_OK && attempt > 0) return status;  // replay itself needs room it cannot have
+      growthBlocked = status != TBL_OK;
+      grown = status;
+      grow = nullptr;
     }
     int status = beginGroup();
     if (status != TBL_OK) return status;
-    if (!log.isOpen()) return TBL_OK;
+    if (!log.isOpen()) return grown;
     fullFile = nullptr;
     status = log.replay([this](const TableLog::Record& r) -> int {
       const bool toData = r.lsn > dataLsn;
@@ -505,16 +519,27 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
         if (r.op == TableLog::kAdd && r.recno >= nextRecno) nextRecno = r.recno + 1;
         return TBL_OK;
       }
+      // The index entries move with the stored version the data file holds
+      // before this write (the index is replayed only in step with it).
+      // Replay has buffers of its own: a write that is retried after a
+      // recovery still holds its keys and images in the others.
       int rc = MDB_SUCCESS;
-      if (r.op == TableLog::kDelete) {
-        rc = applyDelete(r.recno, true, indexToo, nullptr);
-      } else {
-        if (r.length > schema.recordSize()) return TBL_BAD_FORMAT;
-        std::memcpy(image.data(), r.payload, r.length);
-        std::memset(image.data() + r.length, 0, schema.recordSize() - r.length);
-        rc = r.op == TableLog::kAdd ? applyAdd(r.recno, image.data(), r.length, true, indexToo, nullptr)
-                                    : applyModify(r.recno, image.data(), r.length, true, indexToo, nullptr);
+      const bool had = r.op != TableLog::kAdd;
+      if (indexToo && had) {
+        int status = fetch(r.recno, replayOld.data());
+        if (status != TBL_OK) return status == TBL_NOT_FOUND ? TBL_BAD_FORMAT : status;
+        buildKeys(replayOld.data(), replayOldKeys);
       }
+      if (r.op != TableLog::kDelete) {
+        if (r.length > schema.recordSize()) return TBL_BAD_FORMAT;
+        std::memcpy(replayImage.data(), r.payload, r.length);
+        std::memset(replayImage.data() + r.length, 0, schema.recordSize() - r.length);
+        if (indexToo) buildKeys(replayImage.data(), replayKeys);
+      }
+      if (indexToo)
+        rc = applyIndexChange(r.recno, had ? &replayOldKeys : nullptr,
+                              r.op != TableLog::kDelete ? &replayKeys : nullptr);
+      if (rc == MDB_SUCCESS) rc = applyData(r.op, r.recno, replayImage.data(), r.length);
       if (rc == MDB_SUCCESS) return TBL_OK;
       if (rc == MDB_MAP_FULL) return kMapFull;
       self->debug(-1, "Table %s: the log's write %" PRIu64 " cannot be applied (%s)", name.c_str(),
@@ -522,7 +547,7 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
       return rc == MDB_KEYEXIST || rc == MDB_NOTFOUND || rc == MDB_CORRUPTED ? TBL_BAD_FORMAT
                                                                            : statusFromMdb(rc);
     });
-    if (status == TBL_OK) return TBL_OK;
+    if (status == TBL_OK) return grown;
     abortGroup();
     nextRecno = committedNextRecno;
     if (status != kMapFull) return status;

@@ -12,6 +12,7 @@
 
 #include <lmdb.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,8 @@
 
 struct TCtreeTable::Impl {
   explicit Impl(TCtreeTable* owner) : self(owner) {}
+
+  using Keys = std::vector<std::vector<uint8_t>>;
 
   // Where a seek for the entry (key, record number) landed.
   enum class Seek { kAt, kAfter, kEnd };
@@ -114,9 +117,10 @@ struct TCtreeTable::Impl {
   ThreadState* lastState = nullptr;
   ThreadState& ts();
 
-  // Scratch buffers reused by every operation.
-  std::vector<uint8_t> image, oldImage;
-  std::vector<std::vector<uint8_t>> keys, oldKeys;
+  // Scratch buffers reused by every operation, and by replays (which run
+  // inside a write that is to be retried).
+  std::vector<uint8_t> image, oldImage, replayImage, replayOld;
+  Keys keys, oldKeys, replayKeys, replayOldKeys;
 
   // ---- files (TableLifecycle.cpp, TableCreate.cpp) ----
   std::string dataPath() const { return name + ".dat"; }
@@ -144,20 +148,31 @@ struct TCtreeTable::Impl {
 
   // ---- group, log, checkpoint, replay (TableGroup.cpp) ----
   int beginGroup();
+  bool roomLow(const wztable::LmdbFile& file, MDB_txn* txn, uint64_t groupStart) const;
+  uint64_t dataGroupStart = 0, indexGroupStart = 0;  // next pages when the group began
+  bool growthBlocked = false;  // the last growth failed: checkpoints for room are of no use
+  std::chrono::steady_clock::time_point lastRecycle;  // last checkpoint made for a full map
   void abortGroup();
   int checkpoint();
   int recover(wztable::LmdbFile* grow);
   int replayLog();
-  int logWrite(wztable::TableLog::Op op, uint64_t recno, const uint8_t* payload, size_t length);
-  int afterApplyFailure(int rc);
+  // Opens the log at the session's first write and makes room in it for a
+  // record of `length` bytes (checkpointing when the log cannot grow).
+  int reserveLog(size_t length);
+  // Applies one write to the group, then appends it to the log (writes
+  // have been checked by the caller; a unique key taken answers
+  // TBL_DUPLICATE_KEY with nothing changed).
+  int applyWrite(wztable::TableLog::Op op, uint64_t recno, const uint8_t* full, size_t length,
+                 const Keys* removed, const Keys* added);
   int afterWrite();
   void reportFlushFailure(int status, const char* when);
-  int applyAdd(uint64_t recno, const uint8_t* stored, size_t length, bool toData, bool toIndex,
-               const std::vector<std::vector<uint8_t>>* builtKeys);
-  int applyModify(uint64_t recno, const uint8_t* stored, size_t length, bool toData,
-                  bool toIndex, const std::vector<std::vector<uint8_t>>* previousKeys);
-  int applyDelete(uint64_t recno, bool toData, bool toIndex,
-                  const std::vector<std::vector<uint8_t>>* previousKeys);
+  // Moves a record's index entries: removes `removed` (keys it had), adds
+  // `added` (keys it gets); indexes whose key stays are not touched. A key
+  // taken by another record on a unique index gives MDB_KEYEXIST with every
+  // index as it was. Any other failure leaves the group to recover().
+  int applyIndexChange(uint64_t recno, const Keys* removed, const Keys* added);
+  // Adds, replaces or deletes the stored record `recno` in the data file.
+  int applyData(wztable::TableLog::Op op, uint64_t recno, const uint8_t* stored, size_t length);
   int putLsn(MDB_txn* txn, MDB_dbi main, uint64_t lsn);
 
   // Opens a read transaction on the newest snapshot of `file`, pinned so
@@ -175,7 +190,7 @@ struct TCtreeTable::Impl {
   };
 
   // ---- records (TableWrites.cpp) ----
-  int writeAllowed() const;
+  int writeAllowed();
   int addRecord(const uint8_t* record);
   int modifyRecord(const uint8_t* record);
   int deleteRecord();

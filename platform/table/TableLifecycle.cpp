@@ -38,13 +38,11 @@ MDB_val valOf(const char* text) { return valOf(text, std::strlen(text)); }
 // Impl: files
 
 void TCtreeTable::Impl::prepareBuffers() {
-  image.assign(schema.recordSize(), 0);
-  oldImage.assign(schema.recordSize(), 0);
-  keys.resize(schema.indexes().size());
-  oldKeys.resize(schema.indexes().size());
-  for (size_t i = 0; i < keys.size(); ++i) {
-    keys[i].assign(schema.indexes()[i].keyLength, 0);
-    oldKeys[i].assign(schema.indexes()[i].keyLength, 0);
+  for (auto* buffer : {&image, &oldImage, &replayImage, &replayOld})
+    buffer->assign(schema.recordSize(), 0);
+  for (Keys* set : {&keys, &oldKeys, &replayKeys, &replayOldKeys}) {
+    set->resize(schema.indexes().size());
+    for (size_t i = 0; i < set->size(); ++i) (*set)[i].assign(schema.indexes()[i].keyLength, 0);
   }
 }
 
@@ -336,10 +334,10 @@ int TCtreeTable::BulkWrites::finish() {
   finished_ = true;
   std::lock_guard<std::recursive_mutex> lock(table_.impl_->mutex);
   Impl& im = *table_.impl_;
-  if (--im.ts().bulk > 0 || !im.log.isOpen()) return status_;
-  // The bulk's writes reach the log together; from here a kill keeps them.
-  status_ = im.log.flushBuffer();
-  if (status_ == TBL_OK && im.syncIntervalMs == 0) status_ = im.log.sync();
+  if (--im.ts().bulk > 0 || !im.log.isOpen() || im.syncIntervalMs != 0) return status_;
+  // With every write flushed (sync interval 0), the bulk's writes are
+  // flushed together.
+  status_ = im.log.sync();
   if (status_ != TBL_OK) {
     im.failure = status_;
     im.reportFlushFailure(status_, "writing the log");

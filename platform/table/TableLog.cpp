@@ -1,6 +1,7 @@
 #include "TableLog.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -163,9 +164,8 @@ int TableLog::restart(uint64_t baseLsn) {
   if (readOnly_) return TBL_READ_ONLY;
   uint64_t generation = 0;
   if (getrandom(&generation, sizeof generation, 0) != sizeof generation) return TBL_IO_ERROR;
-  buffer_.clear();
-  // The records go first, so that no crash can pair the new header with them.
-  if (ftruncate(fd_, static_cast<off_t>(kRecordsStart)) != 0) return statusFromMdb(errno);
+  // The records of the old generation stay where they are: their checksums
+  // are seeded with it, so none reads as valid under the new header.
   int status = writeHeader(generation, baseLsn, sequence_ + 1);
   if (status == TBL_OK && fdatasync(fd_) != 0) status = statusFromMdb(errno);
   if (status != TBL_OK) return status;
@@ -174,74 +174,46 @@ int TableLog::restart(uint64_t baseLsn) {
   ++sequence_;
   lastLsn_ = baseLsn;
   end_ = kRecordsStart;
-  lastStart_ = 0;
   return TBL_OK;
 }
 
-void TableLog::encode(std::vector<uint8_t>& out, Op op, uint64_t recno, const uint8_t* payload,
-                      uint32_t length, uint64_t lsn) const {
-  const size_t at = out.size();
-  out.resize(at + kRecordHeader + length);
+int TableLog::reserve(size_t length) {
+  if (fd_ < 0) return TBL_NOT_OPEN;
+  if (readOnly_) return TBL_READ_ONLY;
+  const uint64_t need = end_ + kRecordHeader + length;
+  if (need <= mapped_) return TBL_OK;
+  // Room doubles (from 1 MiB), so a session maps its log a few times only.
+  uint64_t size = mapped_ ? mapped_ : (uint64_t{1} << 20);
+  while (size < need) size *= 2;
+  int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));
+  if (rc == EOPNOTSUPP || rc == EINVAL) rc = ftruncate(fd_, static_cast<off_t>(size)) == 0 ? 0 : errno;
+  if (rc != 0) return statusFromMdb(rc);
+  void* map = map_ ? mremap(map_, mapped_, size, MREMAP_MAYMOVE)
+                   : mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+  if (map == MAP_FAILED) return statusFromMdb(errno);
+  map_ = static_cast<uint8_t*>(map);
+  mapped_ = size;
+  return TBL_OK;
+}
+
+uint64_t TableLog::append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length) {
+  const uint64_t lsn = ++lastLsn_;
+  uint8_t* p = map_ + end_;
   RecordHeader h{0, length, lsn, recno, op, 0};
-  uint8_t* p = out.data() + at;
   std::memcpy(p, &h, sizeof h);
   if (length) std::memcpy(p + kRecordHeader, payload, length);
   h.crc = recordCrc(generation_, p + sizeof(uint32_t), kRecordHeader - sizeof(uint32_t) + length);
   std::memcpy(p, &h.crc, sizeof h.crc);
-}
-
-int TableLog::append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length,
-                     bool buffered, uint64_t* lsn) {
-  if (fd_ < 0) return TBL_NOT_OPEN;
-  if (readOnly_) return TBL_READ_ONLY;
-  const uint64_t next = lastLsn_ + 1;
-  lastStart_ = end_ + buffer_.size();
-  encode(buffer_, op, recno, payload, length, next);
-  lastLsn_ = next;
-  if (lsn) *lsn = next;
-  if (buffered && buffer_.size() < (size_t{1} << 20)) return TBL_OK;
-  int status = flushBuffer();
-  if (status != TBL_OK) {
-    // Nothing of this record may stay: the caller is told it failed.
-    buffer_.resize(lastStart_ - end_);
-    lastLsn_ = next - 1;
-  }
-  return status;
-}
-
-int TableLog::flushBuffer() {
-  if (buffer_.empty()) return TBL_OK;
-  int status = writeAll(fd_, buffer_.data(), buffer_.size(), end_);
-  if (status != TBL_OK) {
-    // A part may have reached the file: cut it off again.
-    if (ftruncate(fd_, static_cast<off_t>(end_)) != 0) return statusFromMdb(errno);
-    return status;
-  }
-  end_ += buffer_.size();
-  written_.fetch_add(buffer_.size(), std::memory_order_release);
-  buffer_.clear();
-  return TBL_OK;
-}
-
-int TableLog::dropLast() {
-  if (lastStart_ < kRecordsStart || lastLsn_ == baseLsn_) return TBL_OK;
-  if (lastStart_ >= end_) {
-    buffer_.resize(lastStart_ - end_);
-  } else {
-    buffer_.clear();
-    if (ftruncate(fd_, static_cast<off_t>(lastStart_)) != 0 || fdatasync(fd_) != 0)
-      return statusFromMdb(errno);
-    end_ = lastStart_;
-  }
-  --lastLsn_;
-  lastStart_ = 0;
-  return TBL_OK;
+  end_ += kRecordHeader + length;
+  written_.fetch_add(kRecordHeader + length, std::memory_order_release);
+  return lsn;
 }
 
 int TableLog::sync() {
   if (fd_ < 0) return TBL_OK;
   const uint64_t target = written_.load(std::memory_order_acquire);
   if (synced_.load(std::memory_order_acquire) >= target) return TBL_OK;
+  // The mapped pages are the file's page cache: fdatasync writes them.
   if (fdatasync(fd_) != 0) return statusFromMdb(errno);
   uint64_t seen = synced_.load(std::memory_order_relaxed);
   while (seen < target && !synced_.compare_exchange_weak(seen, target)) {
@@ -251,26 +223,19 @@ int TableLog::sync() {
 
 int TableLog::replay(const std::function<int(const Record&)>& take) {
   if (fd_ < 0) return TBL_NOT_OPEN;
-  // The stream: the file's records, then the buffered ones right after them.
   struct stat st;
   if (fstat(fd_, &st) != 0) return TBL_IO_ERROR;
-  const uint64_t fileEnd = std::max<uint64_t>(static_cast<uint64_t>(st.st_size), kRecordsStart);
-  const uint64_t bufferedFrom = buffer_.empty() ? fileEnd : end_;
+  const uint64_t fileEnd = static_cast<uint64_t>(st.st_size);
   uint64_t expected = baseLsn_ + 1;
-  uint64_t at = kRecordsStart;        // logical offset of the next record
-  uint64_t lastGood = kRecordsStart;  // end of the last valid record
-  uint64_t lastGoodStart = 0;
+  uint64_t at = kRecordsStart;  // offset of the next record
   int answer = TBL_OK;
-  const uint64_t streamEnd = bufferedFrom + (buffer_.empty() ? 0 : buffer_.size());
 
-  // Returns `want` bytes of the stream at `from`, or null past its end.
+  // `want` bytes of the file at `from`, or null past its end.
   std::vector<uint8_t>& chunk = scratch_;
   uint64_t chunkFrom = 0;
   size_t chunkSize = 0;
   auto bytesAt = [&](uint64_t from, size_t want) -> const uint8_t* {
-    if (from + want > streamEnd) return nullptr;
-    if (from >= bufferedFrom && !buffer_.empty()) return buffer_.data() + (from - bufferedFrom);
-    if (from + want > bufferedFrom) return nullptr;  // a file record running into the buffer
+    if (from + want > fileEnd) return nullptr;
     if (from >= chunkFrom && from + want <= chunkFrom + chunkSize) return chunk.data() + (from - chunkFrom);
     const size_t size = std::max(want, kReadChunk);
     chunk.resize(size);
@@ -295,28 +260,27 @@ int TableLog::replay(const std::function<int(const Record&)>& take) {
     Record r{h.lsn, static_cast<Op>(h.op), h.recno, whole + kRecordHeader, h.length};
     answer = take(r);
     if (answer != TBL_OK) break;
-    lastGoodStart = at;
     at += kRecordHeader + h.length;
-    lastGood = at;
     ++expected;
   }
   scratch_.clear();
   scratch_.shrink_to_fit();
   if (answer != TBL_OK) return answer;
-  // Appends continue after the last valid record; what follows is dropped.
+  // Appends continue after the last valid record.
   lastLsn_ = expected - 1;
-  lastStart_ = lastGoodStart;
-  if (lastGood >= bufferedFrom && !buffer_.empty()) {
-    buffer_.resize(lastGood - bufferedFrom);
-  } else {
-    buffer_.clear();
-    end_ = lastGood;
-  }
+  end_ = at;
   return TBL_OK;
+}
+
+void TableLog::unmap() {
+  if (map_) munmap(map_, mapped_);
+  map_ = nullptr;
+  mapped_ = 0;
 }
 
 int TableLog::close(bool remove) {
   int status = TBL_OK;
+  unmap();
   if (fd_ >= 0) {
     if (remove) {
       if (::unlink(path_.c_str()) != 0 && errno != ENOENT) status = statusFromMdb(errno);
@@ -325,7 +289,7 @@ int TableLog::close(bool remove) {
     ::close(fd_);
     fd_ = -1;
   }
-  buffer_.clear();
+  end_ = kRecordsStart;
   written_.store(0);
   synced_.store(0);
   return status;

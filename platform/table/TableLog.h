@@ -1,11 +1,15 @@
 // TableLog: the write-ahead log of one table, <name>.log beside its two files.
 //
 // Every write of a read-write table is appended here (one record: the
-// operation, the record number and the stored record image) before it changes
-// the table's open LMDB transactions, so a killed process loses nothing that
-// returned success: the next read-write open replays the log onto the files'
-// last committed state. The log is flushed to the disk every sync interval
-// (LogFlusher), which bounds what a power loss can take.
+// operation, the record number and the stored record image) before the call
+// returns, so a killed process loses nothing that returned success: the next
+// read-write open replays the log onto the files' last committed state.
+// Records are written through a shared mapping of the file: once stored they
+// are in the page cache, which outlives the process, at the cost of a memory
+// copy, not a system call. The log is flushed to the disk every sync interval
+// (LogFlusher), which bounds what a power loss can take. The file's blocks
+// are allocated before records are stored in them (reserve()), so a full
+// disk is an error status, never a signal.
 //
 // Layout: two 512-byte header slots (offsets 0 and 512), records from offset
 // 4096. A header names the table (its random id), the base LSN (the log
@@ -66,30 +70,26 @@ class TableLog {
   uint64_t lastLsn() const { return lastLsn_; }
   const std::string& path() const { return path_; }
 
-  // Calls `take` for every valid record in order, from the file and then
-  // from the records buffered but not yet written, and stops at the first
+  // Calls `take` for every valid record in order and stops at the first
   // torn, damaged or out-of-sequence record or at a non-zero answer of
   // `take`, which it returns. Afterwards appends continue after the last
   // valid record (lastLsn() is its LSN).
   int replay(const std::function<int(const Record&)>& take);
 
-  // Appends a record with the next LSN: written at once with one write, or,
-  // with `buffered`, kept in memory until flushBuffer() or the next unbuffered
-  // append (order is kept either way). `lsn` receives the record's LSN.
-  int append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length, bool buffered,
-             uint64_t* lsn);
-  int flushBuffer();
-  // Drops the last record (one whose apply failed), so that a replay never
-  // sees it: from the buffer, or cut from the file and synced.
-  int dropLast();
+  // Makes room for a record of `length` payload bytes: allocates the file's
+  // blocks and maps them. TBL_FILE_FULL (disk full, file size limit) or
+  // TBL_NO_MEMORY leave the log as it was.
+  int reserve(size_t length);
+  // Stores a record with the next LSN in room reserve() made. Cannot fail.
+  uint64_t append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length);
   // Starts the log afresh for files that now hold `baseLsn`: a new
   // generation, the header synced, no records.
   int restart(uint64_t baseLsn);
-  // Flushes what was written to the disk (fdatasync); a no-op when nothing
-  // was written since the last sync. Safe from another thread.
+  // Flushes what was stored to the disk (fdatasync); a no-op when nothing
+  // was stored since the last sync. Safe from another thread.
   int sync();
-  // Bytes of records since the last restart, written or buffered.
-  uint64_t recordBytes() const { return end_ + buffer_.size() - kRecordsStart; }
+  // Bytes of records since the last restart.
+  uint64_t recordBytes() const { return end_ - kRecordsStart; }
 
   // Closes the file; with `remove`, unlinks it first and syncs the directory.
   int close(bool remove);
@@ -97,8 +97,7 @@ class TableLog {
  private:
   int writeHeader(uint64_t generation, uint64_t baseLsn, uint64_t sequence);
   int readHeaders();
-  void encode(std::vector<uint8_t>& out, Op op, uint64_t recno, const uint8_t* payload,
-              uint32_t length, uint64_t lsn) const;
+  void unmap();
 
   std::string path_;
   int fd_ = -1;
@@ -109,11 +108,11 @@ class TableLog {
   uint64_t baseLsn_ = 0;
   uint64_t sequence_ = 0;
   uint64_t lastLsn_ = 0;
-  uint64_t end_ = kRecordsStart;      // end of the records written to the file
-  uint64_t lastStart_ = 0;            // where the last record begins (file or buffer)
-  std::vector<uint8_t> buffer_;       // records not yet written
+  uint64_t end_ = kRecordsStart;      // end of the records stored
+  uint8_t* map_ = nullptr;            // the file, mapped shared, `mapped_` bytes
+  uint64_t mapped_ = 0;
   std::vector<uint8_t> scratch_;
-  std::atomic<uint64_t> written_{0};  // bytes written since open, never decreasing
+  std::atomic<uint64_t> written_{0};  // bytes stored since open, never decreasing
   std::atomic<uint64_t> synced_{0};
 };
 
