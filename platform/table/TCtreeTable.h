@@ -64,23 +64,24 @@
 // it); with it, only the disk limits the files. close() cuts both files back
 // to the pages in use, so closed files stay proportional to their content.
 //
-// Durability. Every write is appended to the table's write-ahead log,
-// <name>.log, with one write() before it returns, and changes the two files
-// inside LMDB transactions that span many writes; a checkpoint commits them
-// (each file synced: its data pages, then its meta page) when the log passes
-// nWzScanDBLogLimitMiB (default 64), at close() and before index maintenance.
-// A process killed at any point loses no write that returned success: the
-// next read-write open replays the log. The log is flushed to the disk every
-// nWzScanDBSyncIntervalMs milliseconds (default 1000; 0 flushes every write
-// before it returns): after a power loss or an OS crash the table opens with
-// every write older than the last flush, and loses at most the writes of the
-// last interval. Nothing that failed is ever replayed. A failed flush or
-// checkpoint writes a line at level -1; the next write and close() answer its
-// status (the table stays at its last durable point, and keeps its log for
-// the next open). After a clean close() exactly the two files remain. Writes
-// made inside a BulkWrites scope reach the log together when the scope ends
-// (a kill before that may lose them): for operations that change many records
-// and are not atomic anyway.
+// Durability. Every write is stored in the table's write-ahead log,
+// <name>.log, before it returns (through a shared mapping: in the page cache
+// once stored, which outlives the process), and changes the two files inside
+// LMDB transactions that span many writes; a checkpoint commits them (each
+// file synced: its data pages, then its meta page) when the log passes
+// nWzScanDBLogLimitMiB (default 64), before the map would run out, at close()
+// and before index maintenance. A process killed at any point loses no write
+// that returned success: the next read-write open replays the log. The log
+// is flushed to the disk every nWzScanDBSyncIntervalMs milliseconds (default
+// 1000; 0 flushes every write before it returns): after a power loss or an OS
+// crash the table opens with every write older than the last flush, and
+// loses at most the writes of the last interval. Nothing that failed is ever
+// replayed. A failed flush or checkpoint writes a line at level -1; the next
+// write and close() answer its status (the table stays at its last durable
+// point, and keeps its log for the next open). After a clean close() exactly
+// the two files remain. With a sync interval of 0, writes made inside a
+// BulkWrites scope are flushed together when it ends: for operations that
+// change many records and are not atomic anyway.
 //
 // Current record: every successful read (bypass mode off) makes the record it
 // returns current; a failed read leaves it where it was; addRecord does not
@@ -232,10 +233,10 @@ class WZTABLE_API TCtreeTable : public TDebuggable {
   // holds it; any open status otherwise.
   static int settle(const char* name);
 
-  // Writes made by this thread while a BulkWrites lives are kept in memory
-  // and reach the log together when it ends (or when 1 MiB gathered, or when
-  // another thread writes): one write() for many records. finish() ends it
-  // early and answers the status of that write.
+  // While a BulkWrites lives, this thread's writes are not flushed to the
+  // disk one by one when the sync interval is 0: one flush when it ends
+  // covers them all (with a sync interval, the flusher covers them anyway).
+  // finish() ends it early and answers the status of that flush.
   class WZTABLE_API BulkWrites {
    public:
     explicit BulkWrites(TCtreeTable& table);

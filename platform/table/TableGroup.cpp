@@ -464,6 +464,19 @@ int TCtreeTable::Impl::checkpoint() {
     positioned = false;
     committedNextRecno = nextRecno;
     legacyFiles = false;
+    // LMDB reuses the pages a commit freed only two commits later: one more,
+    // tiny, lets the next group reuse what this group replaced, so a file
+    // stays near its content's size however large the groups.
+    for (LmdbFile* file : {&index, &data}) {
+      const int rc = write(*file, [&](MDB_txn* txn) {
+        return putLsn(txn, file == &data ? dataMain : indexMain, file == &data ? dataLsn : indexLsn);
+      });
+      if (rc != TBL_OK && rc != TBL_FILE_FULL) {
+        failure = rc;
+        reportFlushFailure(rc, "committing the table files");
+        return rc;
+      }
+    }
   } else if (dataTxn) {
     abortGroup();  // nothing written since the last checkpoint
   }
