@@ -51,13 +51,22 @@ int pinSnapshot(int fd, uint64_t txnid) { return ofdLock(fd, F_RDLCK, snapshotBy
 
 void unpinSnapshot(int fd, uint64_t txnid) { ofdLock(fd, F_UNLCK, snapshotByte(txnid), false); }
 
-int waitForOlderReaders(int fd, uint64_t committed) {
+int waitForOlderReaders(int fd, uint64_t committed, std::chrono::milliseconds patience) {
   // Readers start on the newest snapshot only, so older readers can hold at
-  // most the three bytes below the committed one.
+  // most the three bytes below the committed one. A read takes microseconds:
+  // the wait polls, briefly at first, and gives up after `patience` (a
+  // reader stopped inside a read must not hang the writer for ever).
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   for (uint64_t back = 1; back <= 3 && back <= committed; ++back) {
-    int status = ofdLock(fd, F_WRLCK, snapshotByte(committed - back), true);
-    if (status != TBL_OK) return status;
-    ofdLock(fd, F_UNLCK, snapshotByte(committed - back), false);
+    const off_t byte = snapshotByte(committed - back);
+    for (int round = 0;; ++round) {
+      int status = ofdLock(fd, F_WRLCK, byte, false);
+      if (status == TBL_OK) break;
+      if (status != TBL_IN_USE) return status;
+      if (std::chrono::steady_clock::now() > deadline) return TBL_IN_USE;
+      if (round > 100) std::this_thread::sleep_for(std::chrono::milliseconds(round > 1000 ? 10 : 1));
+    }
+    ofdLock(fd, F_UNLCK, byte, false);
   }
   return TBL_OK;
 }

@@ -16,6 +16,7 @@
 // table's directory.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -30,7 +31,8 @@ int pinSnapshot(int fd, uint64_t txnid);
 void unpinSnapshot(int fd, uint64_t txnid);
 // Waits until no reader holds a snapshot older than `committed`, the last
 // committed transaction id: a new write transaction may reuse their pages.
-int waitForOlderReaders(int fd, uint64_t committed);
+// TBL_IN_USE when one still does after `patience`.
+int waitForOlderReaders(int fd, uint64_t committed, std::chrono::milliseconds patience);
 
 // The creation lock of the directory holding `tablePath` (waits up to ten
 // seconds for another creator). Returns the lock's descriptor, or -1 with

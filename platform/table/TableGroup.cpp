@@ -66,8 +66,14 @@ int TCtreeTable::Impl::beginGroup() {
   growthBlocked = !grew;
   // The group may reuse pages that snapshots older than the last commit
   // hold; readers of other table objects must have left them.
-  int status = waitForOlderReaders(data.fd(), data.lastTxnId());
-  if (status == TBL_OK) status = waitForOlderReaders(index.fd(), index.lastTxnId());
+  const auto patience = std::chrono::seconds(30);
+  int status = waitForOlderReaders(data.fd(), data.lastTxnId(), patience);
+  if (status == TBL_OK) status = waitForOlderReaders(index.fd(), index.lastTxnId(), patience);
+  if (status == TBL_IN_USE)
+    self->debug(-1,
+                "Table %s: a reader has held an old snapshot of the files for 30 seconds; the "
+                "write waits for it and is refused",
+                name.c_str());
   if (status != TBL_OK) return status;
   int rc = mdb_txn_begin(data.env(), nullptr, 0, &dataTxn);
   if (rc != MDB_SUCCESS) {
