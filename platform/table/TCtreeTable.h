@@ -49,7 +49,10 @@
 // Writers and readers. One table object at a time opens the files read-write
 // (another answers TBL_IN_USE); any number open them read-only meanwhile, in
 // this process or others, and read the table as of the writer's last
-// checkpoint (below). A read-only open of files whose writer was killed reads
+// checkpoint (below). A reader holds the snapshot it reads for the length
+// of one call; a writer about to reuse that snapshot's pages waits for it,
+// at most 30 seconds, then refuses the write with TBL_IN_USE (a reader
+// stopped inside a call, by a debugger say, must not hang the writer). A read-only open of files whose writer was killed reads
 // them as last committed, without the log (the next read-write open replays
 // it).
 //
