@@ -219,6 +219,7 @@ TEST_F(LogWriterTest, SettingsFileValuesAndWarnings) {
       "# interval in seconds\r\n"
       "  nWzScanDBPerformanceLoggingInterval=  300  \r\n"
       "Negative = -17\r\nName = \"quoted text\"\r\nnot a setting line\r\nRepeated = 1\r\nRepeated = 2\r\n"
+      "\xEF\xBB\xBFMarked = 1\r\n"  // a byte order mark only counts at the start of the file
       "Words = ten\r\nTrailing = 10s\r\nEmpty =\r\nTooBig = 2147483648\r\nBiggest = 2147483647\r\n"
       "[broken\nNegative = 9\n[Later]\nNegative = 8\n");
   const char* rows[][3] = {
@@ -226,7 +227,7 @@ TEST_F(LogWriterTest, SettingsFileValuesAndWarnings) {
       {kAgent, "Repeated", "2"}, {kAgent, "Biggest", "2147483647"}, {"Later", "Negative", "8"},
       {"Missing", "Negative", "untouched"}, {kAgent, "Missing", "untouched"}, {"Other", "Negative", "untouched"},
       {kAgent, "Words", "untouched"}, {kAgent, "Trailing", "untouched"}, {kAgent, "Empty", "untouched"},
-      {kAgent, "TooBig", "untouched"}};
+      {kAgent, "TooBig", "untouched"}, {kAgent, "Marked", "untouched"}};
   for (const auto& row : rows) EXPECT_EQ(Setting(row[0], row[1]), row[2]) << row[0] << " " << row[1];
   std::string text = "unchanged";
   EXPECT_FALSE(WZPlatformInfo::getRegString(kAgent, "not a setting line", &text));
