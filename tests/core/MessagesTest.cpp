@@ -18,6 +18,7 @@ enum Fault {
   kBadKeyLength,   // index 0 announces 17 key bytes for a 16-byte segment
   kBadKeySegment,  // the key request names a segment the index lacks
   kBadFinish,      // the key request names an index the table lacks
+  kShortRequest,   // the key request announces a segment it does not carry
   kEqualOnce,      // checkEqualOnIndex is true only on its first call
   kNeverEqual,     // checkEqualOnIndex is always false
 };
@@ -48,6 +49,7 @@ class FaultyRecord : public WzScanDBRecord {
     SPrepareIndexKeyStructure key = WzScanDBRecord::prepareIndexKey(index);
     if (fault_ == kBadKeySegment) key.segmentNumbers[0] = 9;
     if (fault_ == kBadFinish) key.indexNumber = 7, key.numSegments = 0;
+    if (fault_ == kShortRequest) ++key.numSegments;
     return key;
   }
   bool checkEqualOnIndex(WzScanDBRecordBasePtr other, int index) override {
@@ -111,7 +113,7 @@ struct Env {
   }
   CKoError check(WzScanDBRecordBasePtr record) {
     bool found = false;
-    return db->checkDBRecord(record, record->Clone(), found);
+    return db->checkDBRecord(record, record ? record->Clone() : AB(), found);
   }
   std::string to() const {
     mkdir((dir / "to").c_str(), 0700);
@@ -202,6 +204,12 @@ std::vector<Row> Rows() {
       Err(DO(e.open(), e.check(Faulty(kBadKeySegment))), kInt, TBL_BAD_ARGUMENT, kCheck, "Cannot prepare Key", true),
       Err(DO(e.open(), e.check(Faulty(kBadFinish))), kInt, TBL_BAD_ARGUMENT, kPrepare,
           "finishKey Failed : " + Engine(TBL_BAD_ARGUMENT)),
+      Err(DO(e.open(), e.check(Faulty(kShortRequest))), kInt, TBL_BAD_ARGUMENT, kPrepare,
+          "fillKeySegment Failed : " + Engine(TBL_BAD_ARGUMENT)),
+      Err(DO(e.open(), e.check(nullptr)), kErrNo, 22, kCheck, "Input Record pointer is NULL"),
+      Err(DO(e.opened().addDBRecord(nullptr)), kErrNo, 22, kAdd, "Input Record pointer is NULL"),
+      Err(DO(e.opened().updateDBRecord(nullptr)), kErrNo, 22, kUpdate, "Input Record pointer is NULL"),
+      Err(DO(e.opened().deleteDBRecord(nullptr)), kErrNo, 22, kDelete, "Input Record pointer is NULL"),
       Err(DO(e.suspended(), e.check(AB())), kInt, TBL_INDEX_SUSPENDED, kCheck,
           "getRecord() for index 0 Failed: " + Engine(TBL_INDEX_SUSPENDED)),
       // record store
