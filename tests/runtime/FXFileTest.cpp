@@ -36,12 +36,20 @@ bool PlantedRenameFailure() {
 // for the runtime library too.
 #define PLANTED extern "C" __attribute__((visibility("default")))
 PLANTED ssize_t write(int fd, const void* data, size_t size) {
+  if (g_faults.interrupts > 0) return --g_faults.interrupts, errno = EINTR, -1;
   const size_t limit = g_faults.writeLimit;
   return syscall(SYS_write, fd, data, limit && size > limit ? limit : size);
 }
 PLANTED ssize_t copy_file_range(int in, off64_t* inAt, int out, off64_t* outAt, size_t size, unsigned flags) {
   if (g_faults.copyRangeErrno) return errno = g_faults.copyRangeErrno, -1;
   return syscall(SYS_copy_file_range, in, inAt, out, outAt, size, flags);
+}
+PLANTED ssize_t read(int fd, void* data, size_t size) {
+  if (g_faults.readInterrupts > 0) return --g_faults.readInterrupts, errno = EINTR, -1;
+  return syscall(SYS_read, fd, data, size);
+}
+PLANTED int fchmod(int fd, mode_t mode) noexcept {
+  return g_faults.fchmodErrno ? errno = g_faults.fchmodErrno, -1 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
 PLANTED int rename(const char* from, const char* to) noexcept {
   return PlantedRenameFailure() ? -1 : static_cast<int>(syscall(SYS_rename, from, to));
@@ -97,7 +105,7 @@ TEST_F(FXFileTest, CopyIsExactOwnerOnlyAndReplacesOnlyWhenAsked) {
   chmod((dir / "src").c_str(), 0644);
   // In the kernel; then through read and write in short pieces, as when the
   // kernel cannot copy between the two file systems.
-  for (PlantedFaults faults : {PlantedFaults(), PlantedFaults{4093, EXDEV}}) {
+  for (PlantedFaults faults : {PlantedFaults(), PlantedFaults{4093, EXDEV, 0, 0, false, 3}}) {
     g_faults = faults;
     const std::string copy = dir / ("copy" + std::to_string(faults.writeLimit));
     ASSERT_TRUE(FXFile::WZCopyFile(dir / "src", copy, 0).IsSuccess());
@@ -178,11 +186,18 @@ TEST_F(FXFileTest, MoveAcrossFileSystemsCopiesKeepsModeAndTimesThenUnlinks) {
   EXPECT_EQ(data.GetModificationTime().ToUnixSeconds(), 1650000000);
   EXPECT_EQ(data.GetSize(), content.size());
 
+  // A copy that cannot take the source's mode is not moved into place.
+  WriteFile(dir / "src", "x");
+  g_faults.renameFailures = 1;
+  g_faults.fchmodErrno = EPERM;
+  EXPECT_EQ(FXFile::WZMoveFileEx(dir / "src", dir / "dest", FXFile::kMoveReplaceExisting).GetCode(), EPERM);
+  EXPECT_EQ(Entries(), "dest src ");
+  EXPECT_TRUE(ReadFile(dir / "dest") == content);
   // Only regular files are moved by copying.
   mkdir((dir / "folder").c_str(), 0700);
   g_faults.renameFailures = 1;
   EXPECT_EQ(FXFile::WZMoveFileEx(dir / "folder", dir / "moved", 0).GetCode(), EXDEV);
-  EXPECT_EQ(Entries(), "dest folder ");
+  EXPECT_EQ(Entries(), "dest folder src ");
 }
 
 TEST_F(FXFileTest, FailureTextsNameThePathsAndTheStep) {

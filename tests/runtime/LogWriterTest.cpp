@@ -92,11 +92,11 @@ TEST_F(LogWriterTest, LevelGatesLinesAndTheirArguments) {
 TEST_F(LogWriterTest, FileLinesCarryStampThreadLevelLocationAndOneNewline) {
   const std::string path = dir_ / "agent.log";
   ASSERT_TRUE(g_ptrLogWriter->SetFile(path).IsSuccess());
-  g_faults.writeLimit = 7;  // the file takes each line in pieces
+  g_faults = PlantedFaults{7, 0, 0, 0, false, 2};  // the file takes each line in pieces, after interruptions
   WZ_LOG(0, "static CKoError WzScanDB::move(const string&, const string&)", 321,
          "Moving %s from %s to %s completed successfully\n", "WzScanDB", "/a", "/b");
   WZ_LOG(-1, "void f()", 7, "no newline");
-  g_faults.writeLimit = 0;
+  g_faults = PlantedFaults();
 
   auto lines = ReadLines(path);
   ASSERT_EQ(lines.size(), 2u);

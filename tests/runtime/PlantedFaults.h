@@ -2,7 +2,8 @@
 // FXFileTest.cpp). While set: write() puts at most `writeLimit` bytes per call,
 // copy_file_range() fails with `copyRangeErrno`, the next `renameFailures`
 // renames fail with `renameErrno`, and renameat2() with flags fails as on a
-// file system that cannot refuse to replace.
+// file system that cannot refuse to replace; the next `interrupts` writes and
+// as many reads fail with EINTR, and fchmod() fails with `fchmodErrno`.
 #pragma once
 
 #include <cstddef>
@@ -12,5 +13,6 @@ struct PlantedFaults {
   int copyRangeErrno = 0;
   int renameFailures = 0, renameErrno = 0;
   bool noRenameFlags = false;
+  int interrupts = 0, fchmodErrno = 0, readInterrupts = interrupts;
 };
 extern PlantedFaults g_faults;
