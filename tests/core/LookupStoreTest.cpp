@@ -124,6 +124,10 @@ TEST_F(LookupStoreTest, LockedOperationsFromSeveralThreads) {
   for (int s = db->firstRecord(0, buffer.getStructure()); s == TBL_OK; s = db->nextRecord(0, buffer.getStructure()))
     ++n;
   EXPECT_EQ(n, kThreads * kPerThread);
+  // The counters, fed from every thread at once, lost no sample.
+  ASSERT_TRUE(db->close().IsSuccess());
+  EXPECT_EQ(LastCounter("UPDATE_RECORD").find(" UPDATE_RECORD : samples=600 "), 0u);
+  EXPECT_EQ(LastCounter("CHECK_RECORD").find(" CHECK_RECORD : samples=1200 "), 0u);
 }
 
 }  // namespace
