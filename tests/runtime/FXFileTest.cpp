@@ -48,6 +48,11 @@ PLANTED ssize_t read(int fd, void* data, size_t size) {
   if (g_faults.readInterrupts > 0) return --g_faults.readInterrupts, errno = EINTR, -1;
   return syscall(SYS_read, fd, data, size);
 }
+PLANTED int fsync(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) ++g_faults.directorySyncs;
+  return static_cast<int>(syscall(SYS_fsync, fd));
+}
 PLANTED int fchmod(int fd, mode_t mode) noexcept {
   return g_faults.fchmodErrno ? errno = g_faults.fchmodErrno, -1 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
@@ -177,7 +182,9 @@ TEST_F(FXFileTest, MoveAcrossFileSystemsCopiesKeepsModeAndTimesThenUnlinks) {
   EXPECT_EQ(ReadFile(dir / "dest"), "old");
   EXPECT_EQ(Entries(), "dest src ");
   g_faults.renameFailures = 1;
+  g_faults.directorySyncs = 0;
   ASSERT_TRUE(FXFile::WZMoveFileEx(dir / "src", dir / "dest", FXFile::kMoveReplaceExisting).IsSuccess());
+  EXPECT_EQ(g_faults.directorySyncs, 2) << "the new entry and the removed one are made durable";
   EXPECT_EQ(Entries(), "dest ");
   EXPECT_TRUE(ReadFile(dir / "dest") == content);
   EXPECT_EQ(Mode(dir / "dest"), 0640u);

@@ -4,6 +4,7 @@
 // renames fail with `renameErrno`, and renameat2() with flags fails as on a
 // file system that cannot refuse to replace; the next `interrupts` writes and
 // as many reads fail with EINTR, and fchmod() fails with `fchmodErrno`.
+// `directorySyncs` counts fsync() calls on directories, faults or not.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +14,6 @@ struct PlantedFaults {
   int copyRangeErrno = 0;
   int renameFailures = 0, renameErrno = 0;
   bool noRenameFlags = false;
-  int interrupts = 0, fchmodErrno = 0, readInterrupts = interrupts;
+  int interrupts = 0, fchmodErrno = 0, readInterrupts = interrupts, directorySyncs = 0;
 };
 extern PlantedFaults g_faults;
