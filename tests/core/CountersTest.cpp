@@ -88,24 +88,30 @@ TEST_F(CountersTest, IntervalComesFromTheSettingsFile) {
 }
 
 // Slow (about ten seconds): the thread wakes every ten seconds. A database
-// dumps again after its ten-second interval; one destroyed without close()
-// leaves its thread running on a counter set the thread owns, and that thread
-// ends at its next wake-up (under AddressSanitizer: no use after free).
-TEST_F(CountersTest, PeriodicDumpAndAThreadOutlivingItsDatabase) {
+// dumps again after its ten-second interval, one with a twenty-second interval
+// not yet; one destroyed without close() leaves its thread running on a
+// counter set the thread owns, and that thread ends at its next wake-up
+// (under AddressSanitizer: no use after free).
+TEST_F(CountersTest, PeriodicDumpsAndAThreadOutlivingItsDatabase) {
+  TempDir sparseDir, other;
+  UseInterval("20");
+  WzScanDBPtr sparse = OpenDb(sparseDir.path());  // first, so that it wakes first
+  ASSERT_TRUE(WaitFor(kHead, 1, 5));
   UseInterval("10");
-  TempDir other;
   WzScanDBPtr kept = OpenDb(dir.path()), dropped = OpenDb(other.path());
   ASSERT_TRUE(dropped->addDBRecord(Generic("/kept")).IsSuccess());
-  ASSERT_TRUE(WaitFor(kHead, 2, 5));
+  ASSERT_TRUE(WaitFor(kHead, 3, 5));
   const std::set<unsigned long> threads = Writers(kStarted);
-  ASSERT_EQ(threads.size(), 2u);
+  ASSERT_EQ(threads.size(), 3u);
   WzDestroyHandleObject(dropped);  // destroyed; the handle lets go harmlessly later
   EXPECT_EQ(Count(kStopped), 0u) << "the destructor does not stop the thread";
-  EXPECT_EQ(Count(kHead), 2u) << "nor write the counters";
+  EXPECT_EQ(Count(kHead), 3u) << "nor write the counters";
   EXPECT_TRUE(WaitFor(kStopped, 1, 15));
-  EXPECT_TRUE(WaitFor(kHead, 3, 5)) << "the kept database dumps after ten seconds";
+  EXPECT_TRUE(WaitFor(kHead, 4, 5)) << "the ten-second database dumps again";
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(Count(kHead), 4u) << "the twenty-second one does not, nor the ending thread";
   ASSERT_TRUE(kept->close().IsSuccess());
-  EXPECT_EQ(Count(kHead), 4u) << "the destroyed one's thread wrote no block as it ended";
+  ASSERT_TRUE(sparse->close().IsSuccess());
   EXPECT_EQ(Writers(kStopped), threads);
   // The destructor closed the files: another object opens them.
   WzScanDBPtr again = OpenDb(other.path());

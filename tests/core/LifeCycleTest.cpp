@@ -25,6 +25,9 @@ TEST_F(LifeCycleTest, RefusedInitializeTouchesNothing) {
   EXPECT_EQ(none->initialize((empty / "WzScanDB").c_str()), -1);
   EXPECT_FALSE(none->initializeCheck() || plain.initializeCheck());
   EXPECT_FALSE(FXFile::Exists(empty / "WzScanDB.dat"));
+  capture->Clear();
+  plain.close();
+  EXPECT_EQ(Count("The WzScanDB is not initialized for it to close"), 1u);
 }
 
 TEST_F(LifeCycleTest, CreateCloseReopenAndRefusalsWhenClosed) {
@@ -33,6 +36,7 @@ TEST_F(LifeCycleTest, CreateCloseReopenAndRefusalsWhenClosed) {
   EXPECT_TRUE(db->close().IsSuccess());
   ASSERT_TRUE(db->initialize(dir.path()).IsSuccess());
   EXPECT_TRUE(db->initializeCheck());
+  EXPECT_EQ(db->getFieldOrderCount(), 6) << "every field in the engine's order";
   EXPECT_TRUE(FXFile::Exists(dir / "WzScanDB.dat") && FXFile::Exists(dir / "WzScanDB.idx"));
   ASSERT_TRUE(db->addDBRecord(Generic("/a/b", false, 9)).IsSuccess());
   ASSERT_TRUE(db->close().IsSuccess());
@@ -89,6 +93,7 @@ TEST_F(LifeCycleTest, ProcessWideRootAndEngineLevelInitialize) {
   // The engine-level initialize registers the schema, opens nothing and
   // reports -1 all the same.
   EXPECT_EQ(db->initialize((dir / "WzScanDB").c_str()), -1);
+  EXPECT_EQ(db->getFieldOrderCount(), 6);
   EXPECT_EQ(db->initialize(static_cast<const char*>(nullptr)), -1);
   EXPECT_FALSE(FXFile::Exists(dir / "WzScanDB.dat"));
   EXPECT_EQ(db->create(), TBL_OK) << "the schema it registered is complete";
