@@ -166,33 +166,34 @@ std::vector<Row> Rows() {
       Err(DO(e.reopenAs(nullptr)), kErrNo, 22, kInit,
           "Cannot Initialize Database because the Record Structure is not initialized"),
       Line(0, kInit,
-           "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- fixedRecordSize : 181\n"),
+           "The Fields : 6 -- Indices : 2 -- Segments : 3 -- recordSize : 440 -- fixedRecordSize : 181\n|"
+           "The CTree Database WzScanDB is  created with Huge File Support |"
+           "Created a New WzScan Database at : {dir}/WzScanDB"),
+      Line(4, kInit,
+           "Internal Initalize Completed|"
+           "Getting Field Information -- Name guid -- Offset : 0 -- Type : 128 -- Length : 16|"
+           "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- Length : 255|"
+           "Field Configuration Completed|"
+           "Getting Index Information -- Name parent_guid_and_sname -- Key Information : Length : 72 - Type : 12 - "
+           "Duplication : 1 - NullKey : 0 - Empchr : 0 - NumSeg : 2 - Segment Num : 1|"
+           "Index Configuration Completed|"
+           "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case Sensitive : 1\n|"
+           "Segment Configuration Completed|"
+           "Initialize Complete Configuration Completed\n"),
       Err(DO(e.open(), e.open()), kInt, TBL_ALREADY_OPEN, kInit,
           "Failed to Initialize WzScanDB : " + Engine(TBL_ALREADY_OPEN)),
-      Line(4, kInit, "Internal Initalize Completed"),
-      Line(4, kInit, "Getting Field Information -- Name sname -- Offset : 181 -- Type : 146 -- Length : 255"),
       Err(DO(e.openFaulty(kBadField)), kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Configure WzScanDB Fields : " + Engine(TBL_BAD_SCHEMA)),
-      Line(4, kInit, "Field Configuration Completed"),
-      Line(4, kInit,
-           "Getting Index Information -- Name parent_guid_and_sname -- Key Information : Length : 72 - Type : 12 - "
-           "Duplication : 1 - NullKey : 0 - Empchr : 0 - NumSeg : 2 - Segment Num : 1"),
       Err(DO(e.openFaulty(kBadIndex)), kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Configure WzScanDB Indices : " + Engine(TBL_BAD_SCHEMA)),
-      Line(4, kInit, "Index Configuration Completed"),
-      Line(4, kInit, "Getting Segment Information : FieldNumber : 5  , Segment size : 56 , Case Sensitive : 1\n"),
       Err(DO(e.openFaulty(kBadSegment)), kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Configure WzScanDB Segments : " + Engine(TBL_BAD_SCHEMA)),
-      Line(4, kInit, "Segment Configuration Completed"),
       Err(DO(e.openFaulty(kBadKeyLength)), kInt, TBL_BAD_SCHEMA, kInit,
           "Failed to Complete Initialization of WzScanDB : " + Engine(TBL_BAD_SCHEMA)),
-      Line(4, kInit, "Initialize Complete Configuration Completed\n"),
-      Line(0, kInit, "The CTree Database WzScanDB is  created with Huge File Support "),
       Err(DO(e.open(), e.reopenAs(boost::make_shared<CBackupTimeRecord>(0, 0))), kInt, TBL_SCHEMA_MISMATCH, kInit,
           "Failed to Open an Existing WzScanDB : " + Engine(TBL_SCHEMA_MISMATCH)),
       Err(DO(e.touch("WzScanDB.idx"), e.open()), kInt, TBL_FILE_EXISTS, kInit,
           "Failed to Create WzScanDB : " + Engine(TBL_FILE_EXISTS)),
-      Line(0, kInit, "Created a New WzScan Database at : {dir}/WzScanDB"),
       Log(DO(e.open(), e.reopenAs(AB())), 0, kInit, "Opened an Existing WzScanDB Database at : {dir}/WzScanDB"),
       // close
       Line(0, kClose, "The WzScanDB is closed"),
@@ -268,15 +269,11 @@ std::vector<Row> Rows() {
       // counters and the statistics thread
       Line(0, "WzScanDBPerformanceCounter::WzScanDBPerformanceCounter()",
            "The Logging Interval of the WzScanDBPerformanceCounters : 600 seconds"),
-      Line(0, kCounterAll, "--------------------- WzScanDB Performance Counters -------------------------------"),
-      Line(0, kCounterAll, std::string(83, '-')),
-      Line(0, kCounterOne, " ADD_RECORD : " + zero + " "),
-      Line(0, kCounterOne, " CHECK_RECORD : " + zero + " "),
-      Line(0, kCounterOne, " DELETE_RECORD : " + zero + " "),
-      Line(0, kCounterOne, " UPDATE_RECORD : " + zero + " "),
-      Line(0, kCounterOne, " READ_RECORD : " + zero + " "),
-      Line(0, kThread, "Started WzScanDB Performance Logging Thread"),
-      Line(0, kThread, "Stopped WzScanDB Performance Logging Thread"),
+      Line(0, kCounterAll,
+           "--------------------- WzScanDB Performance Counters -------------------------------|" + std::string(83, '-')),
+      Line(0, kCounterOne, " ADD_RECORD : " + zero + " | CHECK_RECORD : " + zero + " | DELETE_RECORD : " + zero +
+                               " | UPDATE_RECORD : " + zero + " | READ_RECORD : " + zero + " "),
+      Line(0, kThread, "Started WzScanDB Performance Logging Thread|Stopped WzScanDB Performance Logging Thread"),
   };
 }
 
@@ -291,14 +288,16 @@ TEST_F(MessagesTest, EveryLineAndErrorHasItsTextLevelCodeAndLocation) {
     {
       Env env;
       result = row.run(env);
-      text = env.expand(row.text);
+      text = env.expand(row.text) + (row.isError ? "" : "|");
       env.db->close();
     }
-    if (!row.isError) {
-      bool seen = false;
-      for (const CLogEntry& entry : capture->Find(text))
-        seen |= entry.level == row.levelOrCode && entry.function == row.function;
-      EXPECT_TRUE(seen) << "no level " << row.levelOrCode << " \"" << text << "\" at " << row.function;
+    if (!row.isError) {  // the lines ('|' between them), in this order, at this level from this function
+      size_t at = 0;
+      for (const CLogEntry& entry : capture->Entries())
+        if (at < text.size() && entry.level == row.levelOrCode && entry.function == row.function &&
+            text.compare(at, entry.message.size() + 1, entry.message + "|") == 0)
+          at += entry.message.size() + 1;
+      EXPECT_EQ(text.substr(std::min(at, text.size())), "") << "level " << row.levelOrCode << " at " << row.function;
       continue;
     }
     ASSERT_TRUE(result.IsError()) << "expected \"" << text << "\"";
