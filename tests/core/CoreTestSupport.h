@@ -1,13 +1,11 @@
-// Shared helpers of the scan database core tests: record makers for the three
-// record types and a fixture that captures every log line (level 7).
+// Shared helpers of the scan database core tests: record makers and a
+// fixture that captures every log line (level 7) of a fresh directory.
 #pragma once
 
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -18,27 +16,18 @@
 #include "WzScanDB/records/WzScanDBRecord.h"
 #include "runtime/LogCapture.h"
 #include "runtime/LogWriter.h"
-#include "support/TempDir.h"
 #include "support/LogAt.h"
+#include "support/TempDir.h"
+#include "table/TableStatus.h"
 
 namespace coretest {
 
-inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir = false,
-                                     unsigned long long refTime = 0) {
+inline WzScanDBRecordBasePtr Generic(const std::string& path, bool isDir = false, unsigned long long refTime = 0) {
   return boost::make_shared<WzScanDBRecord>(path, isDir, refTime);
 }
-inline WzScanDBRecordBasePtr BackupTime(unsigned long long inode, unsigned long long ctime) {
-  return boost::make_shared<CBackupTimeRecord>(inode, ctime);
-}
-inline WzScanDBPtr NewDb(WzScanDBRecordBasePtr prototype) {
-  return WzScanDBPtr(new WzScanDB(prototype));
-}
+inline WzScanDBPtr NewDb(WzScanDBRecordBasePtr prototype) { return WzScanDBPtr(new WzScanDB(prototype)); }
 inline WzScanDBPtr NewGenericDb() { return NewDb(boost::make_shared<WzScanDBRecord>()); }
-// The std::string form of initialize: creates or opens.
-inline CKoError Open(WzScanDB& db, const std::string& directory) {
-  return db.initialize(directory);
-}
-// Looks `probe` up on `index`; `*stored` receives the stored image.
+// Looks `probe` up on `index`; `*stored` receives the stored record.
 inline bool Find(WzScanDB& db, WzScanDBRecordBasePtr probe, int index = 0, bool exact = true,
                  WzScanDBRecordBasePtr* stored = nullptr) {
   WzScanDBRecordBasePtr out = probe->Clone();
@@ -49,18 +38,13 @@ inline bool Find(WzScanDB& db, WzScanDBRecordBasePtr probe, int index = 0, bool 
   return found;
 }
 
-// Every test starts with no settings file, no output on stderr, the log at
-// level 7 and a fresh capture.
 class CoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    capture = InstallQuietCapture(7);
-  }
+  void SetUp() override { capture = InstallQuietCapture(7); }
   void TearDown() override {
     capture->Remove();
     g_ptrLogWriter->SetLevel(0);
   }
-
   size_t Count(const std::string& message) const { return capture->Find(message).size(); }
   // The last line containing " <name> : ", the counter's line in the last block.
   std::string LastCounter(const std::string& name) const {

@@ -1,4 +1,5 @@
-// Threads, locks and timing.
+// Threads and timing: a thread's argument kept alive until its function
+// returns, joined or not; counters adding from many threads; scope timers.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,14 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "LogLineParser.h"
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/CTimeCounter.h"
 #include "runtime/CTimeStamp.h"
-#include "runtime/FXCriticalSection.h"
-#include "runtime/FXMutex.h"
 #include "runtime/WzThread.h"
-#include "runtime/auto_lock.h"
 
 namespace {
 
@@ -58,37 +55,8 @@ TEST(WzThreadTest, KeepAliveHoldsTheArgumentUntilTheFunctionReturns) {
   }
 }
 
-TEST(LockTest, CriticalSectionIsRecursiveAndLocksExcludeOtherThreads) {
-  FXCriticalSection section;
-  bool otherGot = true;
-  {
-    auto_lock<FXCriticalSection> outer(section);
-    auto_lock<FXCriticalSection> inner(section);
-    std::thread([&] { otherGot = section.TryLock(); }).join();
-    EXPECT_FALSE(otherGot);
-  }
-  std::thread([&] {
-    if ((otherGot = section.TryLock())) section.Unlock();
-  }).join();
-  EXPECT_TRUE(otherGot);
-
-  FXMutex mutex;
-  long counter = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 10000; ++i) {
-        auto_lock<FXMutex> lock(mutex);
-        ++counter;
-      }
-    });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(counter, 40000);
-}
-
-TEST(TimingTest, CounterAddsFromManyThreadsAndRenders) {
+TEST(TimingTest, CountersAddFromManyThreadsAndScopesTimeThemselves) {
   CTimeCounter counter;
-  EXPECT_EQ(counter.AsString(), "samples=0 total=0.000 ms mean=0.000 us");
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
@@ -97,6 +65,7 @@ TEST(TimingTest, CounterAddsFromManyThreadsAndRenders) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(counter.AsString(), "samples=100000 total=100.000 ms mean=1.000 us");
   counter.Reset();
+  const CTimeStamp start = CTimeStamp::Monotonic();
   {
     CAutoTimeCounter timer(&counter);
     CAutoTimeCounter nothing(nullptr);
@@ -104,20 +73,7 @@ TEST(TimingTest, CounterAddsFromManyThreadsAndRenders) {
   }
   EXPECT_EQ(counter.GetTotalSamples(), 1u);
   EXPECT_GE(counter.GetTotalTime(), 5000000LL);
-}
-
-TEST(TimingTest, TimeStampConvertsAndRendersInUtc) {
-  EXPECT_EQ(CTimeStamp().AsString(), "1970-01-01 00:00:00.000000");
-  EXPECT_EQ(CTimeStamp::FromUnixSeconds(1700000000).AsString(), "2023-11-14 22:13:20.000000");
-  EXPECT_EQ(CTimeStamp::FromNanoseconds(1700000000123456789LL).AsString(), "2023-11-14 22:13:20.123456");
-  EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).ToUnixSeconds(), -1);
-  EXPECT_EQ(CTimeStamp::FromNanoseconds(-1).AsString(), "1969-12-31 23:59:59.999999");
-  const CTimeStamp now = CTimeStamp::Now();
-  EXPECT_GT(now.ToUnixSeconds(), 1700000000);
-  EXPECT_TRUE(MatchesShape(now.AsString(), kStampShape)) << now.AsString();
-  const CTimeStamp start = CTimeStamp::Monotonic();
-  FXThread::Sleep(3);
-  EXPECT_GE(CTimeStamp::Monotonic() - start, 3000000LL);
+  EXPECT_LE(counter.GetTotalTime(), CTimeStamp::Monotonic() - start);
 }
 
 }  // namespace
