@@ -15,7 +15,7 @@ void ChangeReport::Add(const Change& change) {
     WriteChange(stdout, outputMode_, change);
   }
   if (reportFile_) WriteChange(reportFile_, reportMode_, change);
-  if (kept_) kept_->Add(change);
+  if (kept_ && (keptNew_ || change.kind != ChangeKind::kNew)) kept_->Add(change);
 }
 
 void ChangeReport::PrintListing(FILE* out) const {

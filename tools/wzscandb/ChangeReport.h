@@ -30,7 +30,12 @@ class ChangeReport {
     reportFile_ = file;
     reportMode_ = mode;
   }
-  void SetKeptReport(KeptReportWriter* kept) { kept_ = kept; }
+  // `withNew` false: new entries are not written to it (a first scan, whose
+  // new entries the database itself lists; see KeptReport.h).
+  void SetKeptReport(KeptReportWriter* kept, bool withNew) {
+    kept_ = kept;
+    keptNew_ = withNew;
+  }
 
   void Add(const Change& change);
   uint64_t Count(ChangeKind kind) const { return counts_[static_cast<int>(kind)]; }
@@ -47,6 +52,7 @@ class ChangeReport {
   FILE* reportFile_ = nullptr;
   OutputMode reportMode_ = OutputMode::kText;
   KeptReportWriter* kept_ = nullptr;
+  bool keptNew_ = true;
   uint64_t counts_[kChangeKinds] = {};
   std::vector<std::string> lines_[kChangeKinds];
 };

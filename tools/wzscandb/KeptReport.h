@@ -2,11 +2,16 @@
 // files as <DBDIR>/WzScanDB.changes, so that `wzscandb changed` can show it
 // again later.
 //
-// The file holds JSON lines: first {"scan": {...}} (the scanned directory,
-// the reference time, ...), then one ChangeJson object per change in the
-// order the scan met them, last {"summary": {...}} (the scan's counts). A scan
-// writes it under a temporary name and renames it into place when it ends, so
-// the file always holds one whole report; a dry run writes none.
+// The file holds JSON lines: first {"scan": {...}} (the scanned directory
+// "dir", the reference time "ref", "first_scan"), then one ChangeJson object
+// per change in the order the scan met them, last {"summary": {...}} (the
+// scan's counts). On the first scan of a directory every entry it records is
+// new: those lines are left out ("first_scan": true), since the database
+// itself lists the same entries (everything at and below "dir", in the
+// scan's order), and writing one line per entry would cost the first scan of
+// a large tree a good part of its time. A scan writes the file under a
+// temporary name and renames it into place when it ends, so the file always
+// holds one whole report; a dry run writes none.
 #pragma once
 
 #include <cstdio>

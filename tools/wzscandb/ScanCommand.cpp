@@ -59,11 +59,13 @@ std::string RealPath(const std::string& path, const char* what) {
 
 // The reference time of this scan: above the last scan's of DIR, and within
 // the 32 bits the records keep.
-uint32_t ChooseRefTime(ScanDatabase* database, const std::string& dir, const ScanArguments& args) {
+uint32_t ChooseRefTime(ScanDatabase* database, const std::string& dir, const ScanArguments& args,
+                       bool& firstScan) {
   uint64_t previous = 0;
   WzScanDBRecordBasePtr stored;
   if (database) stored = database->Lookup(MakeEntryRecord(database->type(), dir, true, 0));
   if (stored) previous = stored->getRefTime();
+  firstScan = !stored;
   if (args.refTimeGiven) {
     if (stored && args.refTime <= previous)
       throw ToolError(kExitNotFound, "--ref-time " + std::to_string(args.refTime) +
@@ -134,7 +136,8 @@ int RunScan(const ScanArguments& args) {
     database.reset(new ScanDatabase(args.database, args.type, ScanDatabase::Mode::kCreate));
   else if (HasDatabaseFiles(args.database))
     database.reset(new ScanDatabase(args.database, args.type, ScanDatabase::Mode::kReadOnly));
-  const uint32_t refTime = ChooseRefTime(database.get(), dir, args);
+  bool firstScan = false;
+  const uint32_t refTime = ChooseRefTime(database.get(), dir, args, firstScan);
   if (database && !args.dryRun) database->db().setRefTime(refTime);
 
   std::string databaseDirectory;
@@ -155,14 +158,14 @@ int RunScan(const ScanArguments& args) {
   nlohmann::json header;
   PutPath(header, "dir", dir);
   header["ref"] = refTime;
-  header["dry_run"] = args.dryRun;
+  header["first_scan"] = firstScan;
   std::unique_ptr<KeptReportWriter> kept;
   if (!args.dryRun) kept.reset(new KeptReportWriter(args.database, header));
 
   uint64_t streamLimit = args.listGiven ? args.listLimit : UINT64_MAX;
   ChangeReport report(args.output, args.listLimit, streamLimit);
   if (reportFile) report.SetReportFile(reportFile, args.output);
-  report.SetKeptReport(kept.get());
+  report.SetKeptReport(kept.get(), !firstScan);
   ScanProgress progress(::isatty(STDERR_FILENO) == 1);
   ScanWriter writer(database.get(), args.dryRun);
   ListingSource listings(filter, args.type, static_cast<unsigned>(args.threads));

@@ -14,7 +14,9 @@
 #include "KeptReport.h"
 #include "Numbers.h"
 #include "PathResolver.h"
+#include "PathJoin.h"
 #include "TableReader.h"
+#include "TreeWalker.h"
 #include "ToolError.h"
 #include "WzScanDB/records/BackupTimeRecord.h"
 
@@ -75,29 +77,64 @@ int RunTouched(const TouchedArguments& args) {
 
 struct ChangedArguments {
   std::string directory;
+  RecordType type = RecordType::kGeneric;
   OutputMode output = OutputMode::kText;
 };
 
-// The kept report; it is a file beside the database, so the database itself
-// is not opened.
+// Lists the entries a first scan found, from the database: `dir` and
+// everything below it, in the scan's order.
+class FirstScanLister : public TreeVisitor {
+ public:
+  FirstScanLister(OutputMode mode, const std::string& dir) : mode_(mode), dir_(dir) {}
+  void Top(const ImageView& entry) { Print(dir_, entry); }
+  bool Entry(const std::string& path, const ImageView& entry, int) override {
+    Print(JoinPath(dir_, path), entry);
+    return true;
+  }
+
+ private:
+  void Print(const std::string& path, const ImageView& entry) {
+    change_.path = path;
+    change_.st = entry.stat();
+    change_.isDir = entry.isDir();
+    WriteChange(stdout, mode_, change_);
+  }
+  OutputMode mode_;
+  std::string dir_;
+  Change change_;
+};
+
+void ListFirstScan(const ChangedArguments& args, const std::string& dir) {
+  ScanDatabase database(args.directory, args.type, ScanDatabase::Mode::kReadOnly);
+  TableReader reader(database);
+  std::vector<char> top = FindImage(database, dir);
+  FirstScanLister lister(args.output, dir);
+  lister.Top(ImageView(reader.layout(), top.data()));
+  WalkTree(reader, top.data(), lister);
+  database.Close();
+}
+
+// The kept report, and for a first scan the entries it recorded.
 int RunChanged(const ChangedArguments& args) {
   RequireDatabaseFiles(args.directory);
   nlohmann::json header, summary;
-  bool headerShown = false;
-  auto showHeader = [&] {
-    if (headerShown || args.output != OutputMode::kText) return;
-    headerShown = true;
-    std::printf("last scan: %s at reference time %llu\n", GetPath(header, "dir").c_str(),
-                header.value("ref", 0ULL));
+  bool started = false;
+  auto start = [&] {
+    if (started) return;
+    started = true;
+    const std::string dir = GetPath(header, "dir");
+    if (args.output == OutputMode::kText)
+      std::printf("last scan: %s at reference time %llu\n", dir.c_str(), header.value("ref", 0ULL));
+    if (header.value("first_scan", false)) ListFirstScan(args, dir);
   };
   ReadKeptReport(
       args.directory, header,
       [&](const Change& change) {
-        showHeader();
+        start();
         WriteChange(stdout, args.output, change);
       },
       summary);
-  showHeader();
+  start();
   if (args.output == OutputMode::kJson) {
     OutputLine(args.output, JsonLine({{"summary", summary}}));
   } else if (args.output == OutputMode::kText) {
@@ -134,6 +171,7 @@ void AddScanHistoryCommands(CLI::App& app, CommandTable& table) {
       "renamed, removed and unreadable entries, and the summary");
   changedCommand->add_option("DBDIR", changed->directory, "Directory of the scan database")
       ->required();
+  AddTypeOption(changedCommand, changed->type, {RecordType::kGeneric, RecordType::kLustre});
   AddOutputOptions(changedCommand, changed->output);
   table[changedCommand] = [changed] { return RunChanged(*changed); };
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <numeric>
 
 #include "ToolError.h"
 
@@ -54,8 +53,8 @@ void TableReader::BuildKey(const char* image, bool children) {
 
 void TableReader::ReadChildren(const char* folder, ImageList& children) {
   BuildKey(folder, true);
-  unsorted_.reset(layout_.size);
-  ChildRun run(layout_, folder, unsorted_);
+  children.reset(layout_.size);
+  ChildRun run(layout_, folder, children);
   int status;
   {
     BypassScope bypass(db_);
@@ -63,14 +62,10 @@ void TableReader::ReadChildren(const char* folder, ImageList& children) {
   }
   if (status != TBL_OK && status != TBL_NOT_FOUND)
     throw ToolError(kExitFailed, EngineError("cannot read the children of a folder", status));
-
-  std::vector<size_t> order(unsorted_.size());
-  std::iota(order.begin(), order.end(), 0);
-  std::sort(order.begin(), order.end(), [this](size_t a, size_t b) {
-    return ImageView(layout_, unsorted_.at(a)).name() < ImageView(layout_, unsorted_.at(b)).name();
+  const RecordLayout& layout = layout_;
+  children.sort([&layout](const char* a, const char* b) {
+    return ImageView(layout, a).name() < ImageView(layout, b).name();
   });
-  children.reset(layout_.size);
-  for (size_t i : order) std::memcpy(children.append(), unsorted_.at(i), layout_.size);
 }
 
 bool TableReader::ReadByKey(std::string_view key, char* image) {

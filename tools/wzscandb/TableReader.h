@@ -44,7 +44,6 @@ class TableReader {
   const RecordLayout& layout_;
   WzScanDBRecordBasePtr scratch_;
   std::vector<char> key_;
-  ImageList unsorted_;
 };
 
 // Calls `visit` with every record image of the table (`recordSize` bytes) in

@@ -219,7 +219,8 @@ void TreeScanner::Matched(const Task& parent, const ListedEntry& entry, const ch
   const unsigned reasons = CompareStat(before.stat(), wasDir, st, isDir);
   if (wasDir && !isDir) RemoveTree(stored, oldPath, kReasonType, false);
 
-  std::vector<char> image(stored, stored + layout_.size);
+  std::vector<char>& image = image_;
+  image.assign(stored, stored + layout_.size);
   SetImageStat(layout_, image.data(), st);
   SetImageRef(layout_, image.data(), refTime_);
   SetImageDir(layout_, image.data(), isDir);
@@ -283,7 +284,8 @@ void TreeScanner::AddNew(std::string_view parentKey, const std::string& path, co
     identity = key;
   }
   const bool isDir = S_ISDIR(st.st_mode);
-  std::vector<char> image(layout_.size, 0);
+  std::vector<char>& image = image_;
+  image.assign(layout_.size, 0);
   SetImageKey(layout_, image.data(), std::string_view(identity, layout_.keyLength));
   SetImageParentKey(layout_, image.data(), parentKey);
   SetImageName(layout_, image.data(), name);

@@ -112,5 +112,6 @@ class TreeScanner {
   bool resolving_ = false;
   std::vector<Task> stack_;
   ScanTotals totals_;
-  Change change_;  // reused for every report line
+  Change change_;            // reused for every report line
+  std::vector<char> image_;  // reused for every record written
 };
