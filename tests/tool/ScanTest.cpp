@@ -142,7 +142,7 @@ TEST_F(ScanTest, OptionsShapeWhatIsScannedAndReported) {
     outputs.push_back(scan.out);
   }
   EXPECT_EQ(outputs[0], outputs[1]);
-  EXPECT_EQ(Run({"walk", db_, "--json"}).out, Run({"walk", temp_ / "db2", "--json"}).out);
+  EXPECT_EQ(Run({"walk", db_, tree_, "--json"}).out, Run({"walk", temp_ / "db2", tree_, "--json"}).out);
 }
 
 // -x records a mount point below the scanned folder but not what is in it.
