@@ -16,6 +16,9 @@ std::string KeptReportPath(const std::string& directory) { return directory + "/
 
 KeptReportWriter::KeptReportWriter(const std::string& directory, const nlohmann::json& scan)
     : path_(KeptReportPath(directory)), temporary_(path_ + ".tmp") {
+  // The last report describes the database no more once this scan writes:
+  // should it fail, `changed` finds no report rather than a stale one.
+  ::unlink(path_.c_str());
   int fd = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
                   FXFile::CreatedFileMode());
   if (fd >= 0) file_ = ::fdopen(fd, "w");

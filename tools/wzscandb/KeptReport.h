@@ -3,7 +3,7 @@
 // again later.
 //
 // The file holds JSON lines: first {"scan": {...}} (the scanned directory
-// "dir", the reference time "ref", "first_scan"), then one ChangeJson object
+// "dir", the record type "type", the reference time "ref", "first_scan"), then one ChangeJson object
 // per change in the order the scan met them, last {"summary": {...}} (the
 // scan's counts). On the first scan of a directory every entry it records is
 // new: those lines are left out ("first_scan": true), since the database
@@ -27,7 +27,8 @@ std::string KeptReportPath(const std::string& directory);
 
 class KeptReportWriter {
  public:
-  // Starts the temporary file with the header; throws ToolError.
+  // Removes the last report and starts the temporary file with the header;
+  // throws ToolError.
   KeptReportWriter(const std::string& directory, const nlohmann::json& scan);
   // Removes the temporary file unless Finish() ran.
   ~KeptReportWriter();

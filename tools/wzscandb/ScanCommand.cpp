@@ -157,6 +157,7 @@ int RunScan(const ScanArguments& args) {
 
   nlohmann::json header;
   PutPath(header, "dir", dir);
+  header["type"] = RecordTypeName(args.type);
   header["ref"] = refTime;
   header["first_scan"] = firstScan;
   std::unique_ptr<KeptReportWriter> kept;

@@ -77,7 +77,6 @@ int RunTouched(const TouchedArguments& args) {
 
 struct ChangedArguments {
   std::string directory;
-  RecordType type = RecordType::kGeneric;
   OutputMode output = OutputMode::kText;
 };
 
@@ -104,8 +103,8 @@ class FirstScanLister : public TreeVisitor {
   Change change_;
 };
 
-void ListFirstScan(const ChangedArguments& args, const std::string& dir) {
-  ScanDatabase database(args.directory, args.type, ScanDatabase::Mode::kReadOnly);
+void ListFirstScan(const ChangedArguments& args, const std::string& dir, RecordType type) {
+  ScanDatabase database(args.directory, type, ScanDatabase::Mode::kReadOnly);
   TableReader reader(database);
   std::vector<char> top = FindImage(database, dir);
   FirstScanLister lister(args.output, dir);
@@ -125,7 +124,9 @@ int RunChanged(const ChangedArguments& args) {
     const std::string dir = GetPath(header, "dir");
     if (args.output == OutputMode::kText)
       std::printf("last scan: %s at reference time %llu\n", dir.c_str(), header.value("ref", 0ULL));
-    if (header.value("first_scan", false)) ListFirstScan(args, dir);
+    RecordType type = RecordType::kGeneric;
+    if (header.value("type", "") == RecordTypeName(RecordType::kLustre)) type = RecordType::kLustre;
+    if (header.value("first_scan", false)) ListFirstScan(args, dir, type);
   };
   ReadKeptReport(
       args.directory, header,
@@ -171,7 +172,6 @@ void AddScanHistoryCommands(CLI::App& app, CommandTable& table) {
       "renamed, removed and unreadable entries, and the summary");
   changedCommand->add_option("DBDIR", changed->directory, "Directory of the scan database")
       ->required();
-  AddTypeOption(changedCommand, changed->type, {RecordType::kGeneric, RecordType::kLustre});
   AddOutputOptions(changedCommand, changed->output);
   table[changedCommand] = [changed] { return RunChanged(*changed); };
 }

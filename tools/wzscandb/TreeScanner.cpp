@@ -21,6 +21,11 @@ bool HasIdentity(RecordType type, WzScanDBRecordBase& record) {
   return !static_cast<SLustreRecord*>(record.getStructure())->FID.empty();
 }
 
+bool SameInode(const ImageView& stored, const struct stat& now) {
+  struct stat before = stored.stat();
+  return before.st_ino == now.st_ino && before.st_dev == now.st_dev;
+}
+
 }  // namespace
 
 TreeScanner::TreeScanner(ScanDatabase* database, RecordType type, ScanWriter& writer,
@@ -198,6 +203,11 @@ bool TreeScanner::ProcessFolder(const Task& task, std::vector<Task>& subTasks) {
     if (entry->statError) {
       Unreadable(path, std::strerror(entry->statError));
       continue;
+    }
+    if (record && type_ == RecordType::kLustre && !SameInode(ImageView(layout_, record), entry->st)) {
+      // Another entry under the same name: a Lustre record is its FID.
+      Departed(record, oldPath);
+      record = nullptr;
     }
     if (record)
       Matched(task, *entry, record, path, oldPath, subTasks);
