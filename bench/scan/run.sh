@@ -12,8 +12,9 @@
 # 200 us (StatDelay.c preloaded): find, then first scans with 1, 2 and 8
 # threads.
 # Each command runs `runs` times (default 3, at least 3); the table gives the
-# minimum and the median in seconds, and each against the baseline of its
-# part (find) measured in the same run. Not part of ctest: it takes minutes.
+# minimum and the median of the elapsed and of the processor seconds, and
+# each against the baseline of its part (find) measured in the same run.
+# Not part of ctest: it takes minutes.
 set -euo pipefail
 build="${1:?usage: run.sh <build-dir> [runs] [tree]}"
 runs="${2:-3}"
@@ -27,35 +28,46 @@ trap 'rm -rf "$work"' EXIT
 export WZ_LOG_FILE=off
 
 # measure NAME PREPARE COMMAND...: runs PREPARE (a shell snippet, untimed)
-# then COMMAND, `runs` times; records min and median seconds under NAME.
-declare -A MIN MEDIAN
+# then COMMAND, `runs` times; records the min and median of its elapsed
+# seconds, and of its processor seconds (user + system, all threads), under
+# NAME. On a machine shared with other work the elapsed times wander; the
+# processor times much less.
+declare -A MIN MEDIAN CPUMIN CPUMEDIAN
 order=()
 measure() {
   local name=$1 prepare=$2
   shift 2
-  local times=()
+  local times=() cpus=()
   for ((i = 0; i < runs; i++)); do
     eval "$prepare"
-    local start end
-    start=$(date +%s.%N)
-    "$@" >/dev/null 2>&1 || { local rc=$?; (( rc == 5 )) || { echo "$name failed ($rc)" >&2; exit 1; }; }
-    end=$(date +%s.%N)
-    times+=("$(LC_ALL=C awk -v s="$start" -v e="$end" 'BEGIN { printf "%.3f", e - s }')")
+    local status=0
+    /usr/bin/time -f '%e %U %S' -o "$work/time" "$@" >/dev/null 2>&1 || status=$?
+    (( status == 0 || status == 5 )) || { echo "$name failed ($status)" >&2; exit 1; }
+    read -r elapsed user system <"$work/time"
+    times+=("$elapsed")
+    cpus+=("$(LC_ALL=C awk -v u="$user" -v s="$system" 'BEGIN { printf "%.2f", u + s }')")
   done
   local sorted
   sorted=$(printf '%s\n' "${times[@]}" | sort -g)
   MIN[$name]=$(head -1 <<<"$sorted")
   MEDIAN[$name]=$(sed -n "$(( (runs + 1) / 2 ))p" <<<"$sorted")
+  sorted=$(printf '%s\n' "${cpus[@]}" | sort -g)
+  CPUMIN[$name]=$(head -1 <<<"$sorted")
+  CPUMEDIAN[$name]=$(sed -n "$(( (runs + 1) / 2 ))p" <<<"$sorted")
   order+=("$name")
 }
 
+ratio() { LC_ALL=C awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else printf "-" }'; }
+
 report() {
   local baseline=$1
-  printf '%-34s %9s %9s %9s %9s\n' "command" "min s" "median s" "min x" "median x"
+  printf '%-38s %8s %8s %7s %7s | %8s %8s %7s %7s\n' "command" "min s" "median s" "min x" "med x" \
+    "cpu min" "cpu med" "min x" "med x"
   for name in "${order[@]}"; do
-    printf '%-34s %9s %9s %9s %9s\n' "$name" "${MIN[$name]}" "${MEDIAN[$name]}" \
-      "$(LC_ALL=C awk -v a="${MIN[$name]}" -v b="${MIN[$baseline]}" 'BEGIN { printf "%.2f", a / b }')" \
-      "$(LC_ALL=C awk -v a="${MEDIAN[$name]}" -v b="${MEDIAN[$baseline]}" 'BEGIN { printf "%.2f", a / b }')"
+    printf '%-38s %8s %8s %7s %7s | %8s %8s %7s %7s\n' "$name" "${MIN[$name]}" "${MEDIAN[$name]}" \
+      "$(ratio "${MIN[$name]}" "${MIN[$baseline]}")" "$(ratio "${MEDIAN[$name]}" "${MEDIAN[$baseline]}")" \
+      "${CPUMIN[$name]}" "${CPUMEDIAN[$name]}" \
+      "$(ratio "${CPUMIN[$name]}" "${CPUMIN[$baseline]}")" "$(ratio "${CPUMEDIAN[$name]}" "${CPUMEDIAN[$baseline]}")"
   done
   order=()
 }
