@@ -261,7 +261,9 @@ void TreeScanner::Matched(const Task& parent, const ListedEntry& entry, const ch
 void TreeScanner::Arrived(const Task& parent, const ListedEntry& entry, const std::string& path,
                           std::vector<Task>& subTasks) {
   std::string_view parentKey = ImageView(layout_, parent.folder.data()).key();
-  if (!resolving_) {
+  // Renames pair entries of folders that the table held as they are: in a
+  // new folder everything is new.
+  if (!resolving_ && !parent.baseline.empty()) {
     Arrival arrival;
     arrival.path = path;
     arrival.name = entry.name;
