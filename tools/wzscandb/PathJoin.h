@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 // `dir` + "/" + `name`, without doubling the separator after the root; `dir`
 // alone when `name` is empty, `name` alone when `dir` is (relative paths).
@@ -10,4 +11,14 @@ inline std::string JoinPath(const std::string& dir, const std::string& name) {
   if (dir.empty()) return name;
   if (!dir.empty() && dir.back() == '/') return dir + name;
   return dir + "/" + name;
+}
+
+// `out` = JoinPath(dir, name), reusing `out`'s buffer: no allocation once it
+// is large enough.
+inline void SetJoinedPath(std::string& out, const std::string& dir, std::string_view name) {
+  out.assign(dir);
+  if (!name.empty()) {
+    if (!dir.empty() && dir.back() != '/') out += '/';
+    out.append(name.data(), name.size());
+  }
 }

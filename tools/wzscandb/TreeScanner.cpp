@@ -184,9 +184,9 @@ bool TreeScanner::ProcessFolder(const Task& task, std::vector<Task>& subTasks) {
     }
     const ListedEntry* entry = order <= 0 ? &entries[i] : nullptr;
     const char* record = order >= 0 ? stored.at(j) : nullptr;
-    const std::string name = entry ? entry->name : std::string(ImageView(layout_, record).name());
-    path = JoinPath(task.path, name);
-    oldPath = JoinPath(task.basePath, name);
+    const std::string_view name = entry ? std::string_view(entry->name) : ImageView(layout_, record).name();
+    SetJoinedPath(path, task.path, name);
+    SetJoinedPath(oldPath, task.basePath, name);
     if (order <= 0) ++i;
     if (order >= 0) ++j;
 
