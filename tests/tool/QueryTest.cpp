@@ -66,6 +66,8 @@ TEST_F(QueryTest, CommandsPrintWhatTheDatabaseHolds) {
   ASSERT_EQ(0, scan.status) << scan.err;
   EXPECT_NE(std::string::npos, scan.out.find("summary: entries 11, folders 4, files 7"));
   EXPECT_NE(std::string::npos, Run({"stats", db_, tree_}).out.find("entries 11, folders 4, files 7"));
+  EXPECT_NE(std::string::npos,
+            Run({"stats", db_, tree_, "--json"}).out.find("\"entries\":11,\"files\":7,\"folders\":4"));
 
   std::vector<std::string> ls = Run({"ls", db_, T("a")}).OutLines();
   ASSERT_EQ(3u, ls.size());

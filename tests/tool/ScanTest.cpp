@@ -94,11 +94,17 @@ TEST_F(ScanTest, OptionsShapeWhatIsScannedAndReported) {
   ASSERT_EQ(0, Scan(100).status);
 
   // Excluded entries the database held are reported removed, with why.
-  ToolResult excluded = Scan(101, {"--json", "--exclude", "many1*", "--exclude", "b/c"});
+  // Globs match a name, a path below the tree, or an absolute path.
+  const std::vector<std::string> excludes = {"--exclude", "many1*", "--exclude", "b/c",
+                                             "--exclude", T("link")};
+  std::vector<std::string> args = {"--json"};
+  args.insert(args.end(), excludes.begin(), excludes.end());
+  ToolResult excluded = Scan(101, args);
   ASSERT_EQ(0, excluded.status) << excluded.err;
   ScanSets sets = ParseJsonReport(excluded.out, tree_);
-  EXPECT_EQ(13u, sets.removed.size()) << Describe(sets);  // many1, many10..19, b/c, b/c/g.txt
+  EXPECT_EQ(14u, sets.removed.size()) << Describe(sets);  // many1, many10..19, b/c, b/c/g.txt, link
   EXPECT_EQ(1u, sets.removed.count("b/c/g.txt"));
+  EXPECT_EQ(1u, sets.removed.count("link"));
   EXPECT_NE(std::string::npos, excluded.out.find("\"reasons\":[\"excluded\"]"));
 
   // A dry run reports what the real scan then does, and writes nothing.
@@ -113,12 +119,15 @@ TEST_F(ScanTest, OptionsShapeWhatIsScannedAndReported) {
     return all;
   };
   const std::string unchanged = files();
-  ToolResult dry = Scan(102, {"--json", "--dry-run", "--exclude", "many1*", "--exclude", "b/c"});
+  args = {"--json", "--dry-run"};
+  args.insert(args.end(), excludes.begin(), excludes.end());
+  ToolResult dry = Scan(102, args);
   ASSERT_EQ(0, dry.status) << dry.err;
   EXPECT_EQ(unchanged, files());
   const std::string report = temp_ / "report.txt";
-  ToolResult real = Scan(102, {"--list", "1", "--report", report, "--threads", "3", "--exclude",
-                               "many1*", "--exclude", "b/c"});
+  args = {"--list", "1", "--report", report, "--threads", "3"};
+  args.insert(args.end(), excludes.begin(), excludes.end());
+  ToolResult real = Scan(102, args);
   ASSERT_EQ(0, real.status) << real.err;
   EXPECT_EQ(Describe(ParseJsonReport(dry.out, tree_)),
             Describe(ParseJsonReport(Run({"changed", db_, "--json"}).out, tree_)));
