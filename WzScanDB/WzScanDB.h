@@ -46,6 +46,13 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   // ---- life cycle --------------------------------------------------------
   CKoError initialize(const std::string& directory);
   int initialize(const char* name) override;
+  // Opens the existing database in `directory` for reading only: registers
+  // the schema as initialize does, opens the files with kAccessReadOnly and
+  // starts the statistics thread. Lookups and reads work as after initialize;
+  // every write answers the engine's TBL_READ_ONLY. Never creates, rebuilds
+  // or changes a file. Engine refusals (missing files, TBL_IN_USE, another
+  // schema) come back as ErrorInt with the engine status. Close with close().
+  CKoError openReadOnly(const std::string& directory);
   CKoError close();
   bool initializeCheck();
   int registerTable() override;

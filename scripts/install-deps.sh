@@ -7,6 +7,7 @@ PACKAGES=(
   cmake ninja-build g++ pkg-config git
   libboost-dev liblmdb-dev libssl-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  nlohmann-json3-dev         # the tool's --json output and its kept change reports
   libsqlite3-dev
   clang libclang-rt-14-dev   # libFuzzer targets and sanitizer runtimes
   gnuplot-nox                # benchmark plots

@@ -63,7 +63,8 @@ struct CLogWriter::Impl {
   // Guards the destination and the sink list; one line is written under it,
   // so lines never interleave.
   std::mutex mutex;
-  int fd = STDERR_FILENO;  // -1: nowhere
+  // -1: nowhere. The default: the process that loads the library routes it.
+  int fd = -1;
   bool ownsFd = false;
   // Sinks are held weakly: a sink is removed when its owner lets it go.
   // Replaced (never changed in place) so a writer can walk its snapshot

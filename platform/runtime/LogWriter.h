@@ -6,16 +6,20 @@
 // tests the level before it evaluates its arguments, so that an expensive
 // argument (a record's toString()) costs nothing when the line is not written.
 //
-// A written line goes to the destination (standard error by default, a file,
-// or nowhere) as
+// A written line goes to the destination (a file, standard error, or, by
+// default, nowhere) as
 //   "2026-11-22 03:16:50.123456 [tid 1234] L0 <function>:<line> <message>"
-// and to every installed sink (see LogCapture.h).
+// and to every installed sink (CLogSink, below), whatever the destination.
+// A library writes nothing on its own: the process that loads it decides
+// where its log goes, by a sink that hands lines to its own logging, by
+// SetFile/SetStderr, or through the configuration below.
 //
 // The starting level and destination come from the environment, then the
 // settings file (WZPlatformInfo):
 //   WZ_LOG_LEVEL=<int>      or setting "LogLevel" in section "Log"
 //   WZ_LOG_FILE=<path>      or setting "LogFile" in section "Log";
-//                           "-" means standard error, "off" means nowhere.
+//                           "-" means standard error, "off" nowhere (the
+//                           default).
 // All member functions are thread-safe.
 #pragma once
 

@@ -1,20 +1,29 @@
 #include "ChangeReport.h"
 
-namespace {
-const char* const kLabels[3] = {"new     ", "changed ", "removed "};
-const char* const kNames[3] = {"new", "changed", "removed"};
-}  // namespace
+#include "ChangeFormat.h"
+#include "KeptReport.h"
 
-void ChangeReport::Add(Kind kind, const std::string& path) {
-  ++counts_[kind];
-  if (paths_[kind].size() < listLimit_) paths_[kind].push_back(path);
+ChangeReport::ChangeReport(OutputMode outputMode, uint64_t listLimit, uint64_t streamLimit)
+    : outputMode_(outputMode), listLimit_(listLimit), streamLimit_(streamLimit) {}
+
+void ChangeReport::Add(const Change& change) {
+  const int kind = static_cast<int>(change.kind);
+  uint64_t seen = counts_[kind]++;
+  if (outputMode_ == OutputMode::kText) {
+    if (seen < listLimit_) lines_[kind].push_back(ChangeText(change));
+  } else if (seen < streamLimit_) {
+    WriteChange(stdout, outputMode_, change);
+  }
+  if (reportFile_) WriteChange(reportFile_, reportMode_, change);
+  if (kept_ && (keptNew_ || change.kind != ChangeKind::kNew)) kept_->Add(change);
 }
 
-void ChangeReport::Print(std::ostream& out) const {
-  for (int kind = 0; kind < 3; ++kind) {
-    for (const std::string& path : paths_[kind]) out << kLabels[kind] << " " << path << "\n";
-    uint64_t left = counts_[kind] - paths_[kind].size();
-    if (left > 0 && !paths_[kind].empty())
-      out << "...      and " << left << " more " << kNames[kind] << "\n";
+void ChangeReport::PrintListing(FILE* out) const {
+  for (int kind = 0; kind < kChangeKinds; ++kind) {
+    for (const std::string& line : lines_[kind]) OutputLine(OutputMode::kText, line, out);
+    uint64_t left = counts_[kind] - lines_[kind].size();
+    if (left > 0 && !lines_[kind].empty())
+      std::fprintf(out, "...        and %llu more %s\n", static_cast<unsigned long long>(left),
+                   ChangeKindName(static_cast<ChangeKind>(kind)));
   }
 }

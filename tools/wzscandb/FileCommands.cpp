@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "ScanDatabase.h"
+#include "KeptReport.h"
 #include "ToolError.h"
 
 namespace {
@@ -48,13 +49,28 @@ void RequireNoDatabase(const std::string& directory) {
   struct stat st;
   if (::stat((directory + "/WzScanDB.dat").c_str(), &st) == 0 ||
       ::stat((directory + "/WzScanDB.idx").c_str(), &st) == 0)
-    throw ToolError(kExitRefused, directory + " already holds a scan database (remove it first)");
+    throw ToolError(kExitNotFound, directory + " already holds a scan database (remove it first)");
 }
 
 void MakeDirectory(const std::string& directory) {
   std::error_code ec;
   std::filesystem::create_directories(directory, ec);
   if (ec) throw ToolError(kExitFailed, "cannot create directory " + directory + ": " + ec.message());
+}
+
+// The last scan's change report goes with the database files (the library
+// moves and copies only those).
+void CarryKeptReport(const std::string& from, const std::string& to, bool move) {
+  std::error_code error;
+  const std::string source = KeptReportPath(from);
+  if (!std::filesystem::exists(source, error)) return;
+  if (move)
+    std::filesystem::rename(source, KeptReportPath(to), error);
+  else
+    std::filesystem::copy_file(source, KeptReportPath(to),
+                               std::filesystem::copy_options::overwrite_existing, error);
+  if (error)
+    throw ToolError(kExitFailed, "cannot take the change report along to " + to + ": " + error.message());
 }
 
 int RunCopy(const FileArguments& args) {
@@ -64,6 +80,7 @@ int RunCopy(const FileArguments& args) {
   MakeDirectory(args.destination);
   ThrowIfError(WzScanDB::copy(args.source, args.destination),
                "cannot copy " + args.source + " to " + args.destination);
+  CarryKeptReport(args.source, args.destination, false);
   std::printf("copied the database at %s to %s\n", args.source.c_str(), args.destination.c_str());
   return kExitOk;
 }
@@ -75,6 +92,7 @@ int RunMove(const FileArguments& args) {
   MakeDirectory(args.destination);
   ThrowIfError(WzScanDB::move(args.source, args.destination),
                "cannot move " + args.source + " to " + args.destination);
+  CarryKeptReport(args.source, args.destination, true);
   std::printf("moved the database at %s to %s\n", args.source.c_str(), args.destination.c_str());
   return kExitOk;
 }
@@ -83,6 +101,8 @@ int RunRemove(const FileArguments& args) {
   RequireDatabaseFiles(args.source);
   RequireNotInUse(args.source, args.type);
   ThrowIfError(WzScanDB::remove(args.source), "cannot remove the database at " + args.source);
+  std::error_code ignored;
+  std::filesystem::remove(KeptReportPath(args.source), ignored);
   std::printf("removed the database at %s\n", args.source.c_str());
   return kExitOk;
 }

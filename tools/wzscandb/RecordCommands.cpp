@@ -43,7 +43,9 @@ int RunFid(const PathArguments& args) {
   LustreAPI::CLustreFID fid;
   int status = LustreAPI::GetFIDFromPath(args.path, fid);
   if (status == -ENOTTY)
-    throw ToolError(kExitFailed, args.path + " is not on a Lustre file system (no FID)");
+    throw ToolError(kExitNotFound, args.path + " is not on a Lustre file system (no FID)");
+  if (status == -ENOENT)
+    throw ToolError(kExitNotFound, "cannot get the FID of " + args.path + ": " + std::strerror(-status));
   if (status != 0)
     throw ToolError(kExitFailed, "cannot get the FID of " + args.path + ": " + std::strerror(-status));
   std::cout << fid.toString() << "\n";

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "ToolError.h"
+#include "WzScanDB/records/WzScanDBLustreRecord.h"
 #include "table/TableStatus.h"
 
 namespace {
@@ -39,7 +40,8 @@ std::string NormalizeEntryPath(const std::string& path) {
 
 ScanDatabase::ScanDatabase(const std::string& directory, RecordType type, Mode mode)
     : directory_(directory), type_(type), prototype_(MakePrototype(type)) {
-  if (mode == Mode::kExisting) {
+  readOnly_ = mode == Mode::kReadOnly;
+  if (mode != Mode::kCreate) {
     RequireDatabaseFiles(directory);
   } else {
     std::error_code ec;
@@ -49,18 +51,31 @@ ScanDatabase::ScanDatabase(const std::string& directory, RecordType type, Mode m
                                        (ec ? ec.message() : std::string("not a directory")));
   }
   db_.reset(new WzScanDB(prototype_->Clone()));
-  CKoError error = db_->initialize(directory_);
+  CKoError error = readOnly_ ? db_->openReadOnly(directory_) : db_->initialize(directory_);
   if (error.IsError()) {
     db_->close();
     if (error.GetKind() == EKoErrorKind::kInt && error.GetCode() == TBL_IN_USE)
       throw DatabaseInUse("database at " + directory_ + " is in use by another process (" +
                           ErrorLine(error) + ")");
+    if (error.GetKind() == EKoErrorKind::kInt && error.GetCode() == TBL_ACCESS_DENIED)
+      throw ToolError(kExitFailed, "no permission to open the database at " + directory_ +
+                                       (readOnly_ ? "" : " for writing") + " (" + ErrorLine(error) + ")");
     if (error.GetKind() == EKoErrorKind::kInt && error.GetCode() == TBL_SCHEMA_MISMATCH)
       throw WrongRecordType("database at " + directory_ + " is not a " + RecordTypeName(type_) +
                             " scan database (" + ErrorLine(error) + ")");
     throw ToolError(kExitFailed, "cannot open database at " + directory_ + ": " + ErrorLine(error));
   }
   open_ = true;
+
+  if (HasTree(type_)) {
+    // The parent index's key is the parent identifier followed by the name.
+    WzScanDBRecordBasePtr described = prototype_->Clone();
+    described->initializeIndexInformation();
+    described->initializeSegmentInformation();
+    SIndices index = described->getIndexInformation(described->parentIndex());
+    SSegments name = described->getSegmentInformation(index.segmentNumber + index.numSegments - 1);
+    childKeyPrefix_ = index.keyLength - name.segmentSize;
+  }
 }
 
 ScanDatabase::~ScanDatabase() {
@@ -85,7 +100,17 @@ WzScanDBRecordBasePtr ScanDatabase::FindPath(const std::string& path) {
     throw ToolError(kExitNotFound, std::string("a ") + RecordTypeName(type_) +
                                        " database holds no paths");
   std::string normal = NormalizeEntryPath(path);
-  WzScanDBRecordBasePtr stored = Lookup(prototype_->MakeObject(normal));
+  WzScanDBRecordBasePtr probe = prototype_->MakeObject(normal);
+  if (type_ == RecordType::kLustre &&
+      static_cast<SLustreRecord*>(probe->getStructure())->FID.empty()) {
+    // No FID: not an entry of a Lustre database, except "/" off Lustre,
+    // which stands for the database's root.
+    if (normal != "/")
+      throw ToolError(kExitNotFound, normal + " is not in the database at " + directory_ +
+                                         " (it has no Lustre FID)");
+    probe = db_->getRoot();
+  }
+  WzScanDBRecordBasePtr stored = Lookup(probe);
   if (!stored) throw ToolError(kExitNotFound, normal + " is not in the database at " + directory_);
   return stored;
 }

@@ -2,9 +2,11 @@
 //
 // Opening checks what the library would not: a read command never creates a
 // database, so a missing directory or a directory without WzScanDB.dat is a
-// ToolError (kExitNotFound) before the library is asked. The engine's refusals
-// become one-line ToolErrors too: files of another record type (schema
-// mismatch) and files held open by another process (kExitRefused).
+// ToolError (kExitNotFound) before the library is asked. kReadOnly opens the
+// files for reading only (WzScanDB::openReadOnly): nothing in the directory
+// changes, and read permission is all it needs. The engine's refusals become
+// one-line ToolErrors too: files of another record type (schema mismatch) and
+// files held open by another process ("in use", kExitRefused).
 //
 // The database is closed when the object goes (errors ignored) or by Close()
 // (errors thrown). Not thread-safe: one thread uses one ScanDatabase.
@@ -33,6 +35,7 @@ class ScanDatabase {
   enum class Mode {
     kExisting,  // the database files must exist
     kCreate,    // create the directory and the files when missing
+    kReadOnly,  // the database files must exist; open them for reading only
   };
 
   ScanDatabase(const std::string& directory, RecordType type, Mode mode);
@@ -42,6 +45,9 @@ class ScanDatabase {
 
   WzScanDB& db() { return *db_; }
   RecordType type() const { return type_; }
+  bool readOnly() const { return readOnly_; }
+  // Key bytes shared by the children of one folder on the parent index.
+  int childKeyPrefix() const { return childKeyPrefix_; }
   const std::string& directory() const { return directory_; }
   // A new empty record of the database's type.
   WzScanDBRecordBasePtr NewRecord() const { return prototype_->Clone(); }
@@ -60,6 +66,8 @@ class ScanDatabase {
   WzScanDBRecordBasePtr prototype_;
   WzScanDBPtr db_;
   bool open_ = false;
+  bool readOnly_ = false;
+  int childKeyPrefix_ = 0;
 };
 
 // Throws kExitNotFound unless `directory` is a directory holding WzScanDB.dat.

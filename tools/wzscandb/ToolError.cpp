@@ -1,5 +1,12 @@
 #include "ToolError.h"
 
+const char* const kExitStatusText =
+    "Exit status: 0 success; 1 validate found the tree not consistent; 2 bad arguments, a "
+    "missing database, path or directory, or a destination that already holds a database; "
+    "3 database of another record type, or in use by another process; 4 an operation "
+    "failed; 5 scan finished but could not read some entries (they are listed and their "
+    "records kept).";
+
 namespace {
 
 std::string OneLine(const std::string& text) {

@@ -15,10 +15,14 @@
 enum ExitStatus : int {
   kExitOk = 0,
   kExitInconsistent = 1,  // validate: the tree is not consistent
-  kExitNotFound = 2,      // bad arguments, missing database, path not in the database
+  kExitNotFound = 2,      // bad arguments; missing database, path or directory; occupied destination
   kExitRefused = 3,       // database of another record type, or in use by another process
   kExitFailed = 4,        // the library or the system failed an operation
+  kExitPartial = 5,       // scan: some entries could not be read (listed; their records kept)
 };
+
+// The exit statuses as the main help lists them.
+extern const char* const kExitStatusText;
 
 class ToolError : public std::runtime_error {
  public:
