@@ -40,7 +40,7 @@ std::string NormalizeEntryPath(const std::string& path) {
 
 ScanDatabase::ScanDatabase(const std::string& directory, RecordType type, Mode mode)
     : directory_(directory), type_(type), prototype_(MakePrototype(type)) {
-  readOnly_ = mode == Mode::kReadOnly;
+  readOnly_ = mode == Mode::kReadOnly || mode == Mode::kCheckPages;
   if (mode != Mode::kCreate) {
     RequireDatabaseFiles(directory);
   } else {
@@ -51,6 +51,7 @@ ScanDatabase::ScanDatabase(const std::string& directory, RecordType type, Mode m
                                        (ec ? ec.message() : std::string("not a directory")));
   }
   db_.reset(new WzScanDB(prototype_->Clone()));
+  if (mode == Mode::kCheckPages) db_->setVerifyOnOpen(true);
   CKoError error = readOnly_ ? db_->openReadOnly(directory_) : db_->initialize(directory_);
   if (error.IsError()) {
     db_->close();

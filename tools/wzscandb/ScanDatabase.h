@@ -36,6 +36,7 @@ class ScanDatabase {
     kExisting,  // the database files must exist
     kCreate,    // create the directory and the files when missing
     kReadOnly,  // the database files must exist; open them for reading only
+    kCheckPages,  // as kReadOnly, every page of both table files checked first
   };
 
   ScanDatabase(const std::string& directory, RecordType type, Mode mode);
