@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -30,8 +31,13 @@ void parse(WriterRun& run) {
   std::istringstream lines(run.output);
   std::string line;
   std::map<unsigned long, size_t> bySeq;
-  std::map<long, std::pair<bool, size_t>> syncs;  // id -> (log file, acks before it)
-  size_t begun = 0, acked = 0, durable = 0;
+  // Sync id -> (of the log, operations whose log records it covers: those
+  // whose record was written, past the header slots, before it began).
+  std::map<long, std::pair<bool, size_t>> syncs;
+  size_t begun = 0, acked = 0, durable = 0, recorded = 0;
+  auto isLog = [](const std::string& file) {
+    return file.size() > 4 && file.compare(file.size() - 4, 4, ".log") == 0;
+  };
   while (std::getline(lines, line)) {
     std::istringstream f(line);
     char kind = 0;
@@ -58,7 +64,12 @@ void parse(WriterRun& run) {
       long id = 0, us = 0;
       std::string file;
       f >> id >> us >> file;
-      syncs[id] = {file.size() > 4 && file.compare(file.size() - 4, 4, ".log") == 0, acked};
+      syncs[id] = {isLog(file), recorded};
+    } else if (kind == 'W') {
+      long long offset = 0, length = 0;
+      std::string file;
+      f >> offset >> length >> file;
+      if (isLog(file) && offset >= 4096) recorded = begun;
     } else if (kind == 'Z') {
       long id = 0;
       int rc = -1;
@@ -73,7 +84,7 @@ void parse(WriterRun& run) {
       f >> s.id >> s.us;
       s.begun = begun;
       s.acked = acked;
-      s.durable = durable;
+      s.durable = std::min(durable, acked);
       run.snapshots.push_back(s);
     } else if (kind == 'E') {
       run.errors.push_back(line.substr(2));

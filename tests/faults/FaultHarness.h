@@ -33,7 +33,7 @@ struct Snapshot {
   long us = 0;
   size_t begun = 0;     // operations begun before it (failed ones excluded)
   size_t acked = 0;     // operations acknowledged before it
-  size_t durable = 0;   // acknowledged before a log sync that completed before it
+  size_t durable = 0;   // acknowledged, and covered by a log sync completed before it
 };
 
 struct WriterRun {

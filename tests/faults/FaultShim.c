@@ -21,16 +21,20 @@
 //                         last fsync. The files present at start count as
 //                         durable. dir/names lists "name inode"; the content
 //                         of inode i is dir/ino-i.
-//   WZF_EVENT_FD=fd       write "Y id t file" before and "Z id rc" after each
-//                         sync of a file, in one ordered stream with the
-//                         process's own reports on that descriptor;
-//   WZF_SNAP_DIR=dir, WZF_SNAP_EVERY=k, WZF_SNAP_MAX=m
-//                         before every k-th matching call (at most m times),
+//   WZF_EVENT_FD=fd       write "W offset length file" after each successful
+//                         pwrite, and "Y id t file" before and "Z id rc"
+//                         after each sync of a file, in one ordered stream
+//                         with the process's own reports on that descriptor;
+//   WZF_SNAP_DIR=dir, WZF_SNAP_EVERY=k, WZF_SNAP_MAX=m, WZF_SEED=s
+//                         before one matching call in k, drawn at random
+//                         (seeded with s; at most m times),
 //                         save the durable and the current state to dir/<j>/
 //                         (names.durable, names.current, d-<inode>,
 //                         c-<inode>) and write "S j t" to the event stream:
 //                         the material of a simulated power loss at that
 //                         moment. t is CLOCK_MONOTONIC in microseconds.
+//   WZF_NOSYNC=1          answer syncs of watched files with success without
+//                         making them (durability is what the images say).
 // Without WZF_DIR the shim passes every call through untouched.
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -71,11 +75,12 @@ static size_t g_dirLen;
 static int g_classes = kAll;
 static long g_count;
 static long g_failAt, g_killAt;
-static int g_failErrno = EIO, g_failSticky;
+static int g_failErrno = EIO, g_failSticky, g_noSync;
 static int g_traceFd = -1, g_eventFd = -1;
 static char g_durable[4096];
 static char g_snapDir[4096];
 static long g_snapEvery, g_snapMax, g_snaps;
+static unsigned long long g_random = 88172645463325252ULL;
 static long g_syncIds;
 static char* g_fdPath[MAX_FDS];
 static struct Map g_maps[MAX_MAPS];
@@ -348,8 +353,12 @@ static enum Verdict decide(int klass, const char* call, const char* file, void* 
     while ((1 << bit) != klass) ++bit;
     emit(g_traceFd, "%ld %s %s %s %s\n", n, kClassNames[bit], call, file, site);
   }
-  if (g_snapDir[0] && g_snapEvery > 0 && n % g_snapEvery == 0 && g_snaps < g_snapMax)
-    takeSnapshot();
+  if (g_snapDir[0] && g_snapEvery > 0 && g_snaps < g_snapMax) {
+    g_random ^= g_random << 13;
+    g_random ^= g_random >> 7;
+    g_random ^= g_random << 17;
+    if (g_random % (unsigned long long)g_snapEvery == 0) takeSnapshot();
+  }
   pthread_mutex_unlock(&g_lock);
   t_inside = 0;
   if (g_killAt && n == g_killAt) raise(SIGKILL);
@@ -375,6 +384,7 @@ __attribute__((constructor)) static void start(void) {
   if ((v = getenv("WZF_FAIL_AT"))) g_failAt = atol(v);
   if ((v = getenv("WZF_KILL_AT"))) g_killAt = atol(v);
   if ((v = getenv("WZF_FAIL_STICKY"))) g_failSticky = atoi(v);
+  if ((v = getenv("WZF_NOSYNC"))) g_noSync = atoi(v);
   g_failErrno = parseErrno(getenv("WZF_ERRNO"));
   if ((v = getenv("WZF_EVENT_FD"))) g_eventFd = atoi(v);
   if ((v = getenv("WZF_TRACE")) && *v)
@@ -382,6 +392,7 @@ __attribute__((constructor)) static void start(void) {
   if ((v = getenv("WZF_SNAP_DIR"))) snprintf(g_snapDir, sizeof g_snapDir, "%s", v);
   if ((v = getenv("WZF_SNAP_EVERY"))) g_snapEvery = atol(v);
   g_snapMax = (v = getenv("WZF_SNAP_MAX")) ? atol(v) : 1000000;
+  if ((v = getenv("WZF_SEED"))) g_random += strtoull(v, NULL, 10) * 2654435761ULL;
   if ((v = getenv("WZF_DURABLE")) && *v) {
     snprintf(g_durable, sizeof g_durable, "%s", v);
     t_inside = 1;
@@ -464,15 +475,25 @@ ssize_t write(int fd, const void* buf, size_t n) {
   REAL(write);
   return real_write(fd, buf, n);
 }
+static ssize_t written(int fd, off_t offset, ssize_t rc) {
+  const char* file = fdPath(fd);
+  if (rc > 0 && file && g_eventFd >= 0) {
+    const int err = errno;
+    emit(g_eventFd, "W %lld %zd %s\n", (long long)offset, rc, file);
+    errno = err;
+  }
+  return rc;
+}
+
 ssize_t pwrite(int fd, const void* buf, size_t n, off_t offset) {
   FD_CALL(kWrite, pwrite, fd, -1);
   REAL(pwrite);
-  return real_pwrite(fd, buf, n, offset);
+  return written(fd, offset, real_pwrite(fd, buf, n, offset));
 }
 ssize_t pwrite64(int fd, const void* buf, size_t n, off_t offset) {
   FD_CALL(kWrite, pwrite64, fd, -1);
   REAL(pwrite64);
-  return real_pwrite64(fd, buf, n, offset);
+  return written(fd, offset, real_pwrite64(fd, buf, n, offset));
 }
 ssize_t writev(int fd, const struct iovec* iov, int count) {
   FD_CALL(kWrite, writev, fd, -1);
@@ -649,8 +670,9 @@ static int fileSync(int fd, const char* name, int data) {
       if (pread(fd, p.bytes, p.len, 0) != (ssize_t)p.len) p.len = 0;
     }
   }
-  int rc;
-  if (data) {
+  int rc = 0;
+  if (file && g_noSync) {
+  } else if (data) {
     REAL(fdatasync);
     rc = real_fdatasync(fd);
   } else {
@@ -709,7 +731,7 @@ int msync(void* addr, size_t len, int flags) {
     memcpy(p.bytes, hit.addr + from, p.len);
   }
   REAL(msync);
-  const int rc = real_msync(addr, len, flags);
+  const int rc = file && g_noSync ? 0 : real_msync(addr, len, flags);
   const int err = errno;
   if (p.bytes && rc == 0) {
     t_inside = 1;

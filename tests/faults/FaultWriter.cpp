@@ -16,7 +16,7 @@
 //   db DIR SEED OPS  the scan database in DIR (initialized: created or
 //       opened, replaying a log): folder /w, then OPS random adds, updates
 //       and deletes of files in it, then a close. Keys are paths, values
-//       reference times.
+//       reference times (folders: 1).
 //   copy FROM TO  WzScanDB::copy of a closed database.
 // After a failed operation the writer goes on (the next ones show whether
 // the table still works) and exits 0 whatever the statuses were.
@@ -171,6 +171,9 @@ int dbMode(const std::string& dir, uint64_t seed, long ops) {
     line("E 1 initialize " + err.AsString().substr(0, 200));
     return 0;
   }
+  // Added records take the database's reference time; updates keep theirs.
+  const unsigned long long added = 1000 + seed % 1000;
+  WzScanDBObjectSetRefTime(db, added);
   Reporter report;
   for (const char* folder : {"/", "/w"}) {
     report.run(folder, 1, [&] {
@@ -184,7 +187,7 @@ int dbMode(const std::string& dir, uint64_t seed, long ops) {
     const unsigned long long refTime = 1000 + rng() % 1000000;
     if (live.empty() || roll < 2) {
       const std::string path = "/w/f" + std::to_string(seed % 100000) + "-" + std::to_string(i);
-      if (report.run(path, refTime, [&] {
+      if (report.run(path, added, [&] {
             WzScanDBObjectAddFile(db, record(path, false, refTime), err);
             return errorCode(err);
           }))

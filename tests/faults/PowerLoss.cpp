@@ -1,6 +1,7 @@
 #include "faults/PowerLoss.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -169,6 +170,25 @@ void runPowerLossRound(const std::string& workDir, const std::string& scratch,
     base = round.database ? State{{"/", 1}, {"/w", 1}} : State{};
   }
   RunOptions options;
+  options.syncIntervalMs = round.syncIntervalMs;
+  options.logLimitMiB = 1;
+  long every = round.snapEvery;
+  if (every <= 0) {
+    // Count the calls of the same run on a copy, to spread the snapshots.
+    const std::string copy = scratch + "/count";
+    fs::remove_all(copy);
+    copyDir(workDir, copy);
+    RunOptions count = options;
+    count.args = round.database ? std::vector<std::string>{"db", copy, seed, std::to_string(round.ops)}
+                                : std::vector<std::string>{"table", copy, seed, std::to_string(round.ops),
+                                                           std::to_string(round.keys)};
+    count.env = {{"WZF_DIR", copy}, {"WZF_TRACE", scratch + "/count.trace"}, {"WZF_NOSYNC", "1"}};
+    if (!round.calls.empty()) count.env["WZF_CALLS"] = round.calls;
+    runWriter(count);
+    every = long(readTrace(scratch + "/count.trace").size()) / round.snapMax + 1;
+    fs::remove_all(copy);
+    fs::remove(scratch + "/count.trace");
+  }
   options.args = round.database
                      ? std::vector<std::string>{"db", workDir, seed, std::to_string(round.ops)}
                      : std::vector<std::string>{"table", workDir, seed, std::to_string(round.ops),
@@ -176,11 +196,11 @@ void runPowerLossRound(const std::string& workDir, const std::string& scratch,
   options.env = {{"WZF_DIR", workDir},
                  {"WZF_DURABLE", durable},
                  {"WZF_SNAP_DIR", snaps},
-                 {"WZF_SNAP_EVERY", std::to_string(round.snapEvery)},
-                 {"WZF_SNAP_MAX", std::to_string(round.snapMax)}};
+                 {"WZF_SNAP_EVERY", std::to_string(every)},
+                 {"WZF_SNAP_MAX", std::to_string(round.snapMax)},
+                 {"WZF_SEED", seed},
+                 {"WZF_NOSYNC", "1"}};
   if (!round.calls.empty()) options.env["WZF_CALLS"] = round.calls;
-  options.syncIntervalMs = round.syncIntervalMs;
-  options.logLimitMiB = 1;
   const WriterRun run = runWriter(options);
   ++tally.rounds;
   auto problem = [&](const std::string& what) {
@@ -238,6 +258,9 @@ void runPowerLossRound(const std::string& workDir, const std::string& scratch,
                 std::to_string(snap.durable) + " durable operations");
         continue;
       }
+      if (std::getenv("WZ_POWERLOSS_VERBOSE"))
+        std::printf("%s%zu of %zu acknowledged (%zu durable, %zu begun)\n", where.c_str(), *at,
+                    snap.acked, snap.durable, snap.begun);
       if (*at < snap.acked) {
         tally.maxLostOps = std::max(tally.maxLostOps, snap.acked - *at);
         tally.maxLostUs = std::max(tally.maxLostUs, snap.us - live[*at].ackUs);

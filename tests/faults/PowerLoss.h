@@ -47,7 +47,8 @@ struct PowerLossRound {
   bool database = false;  // db mode (validateTree) instead of table mode
   long ops = 400;
   unsigned keys = 300;
-  long snapEvery = 40;    // a snapshot before every snapEvery-th counted call
+  long snapEvery = 0;     // a snapshot before one counted call in snapEvery, at
+                          // random (0: about snapMax over the run, counted first)
   long snapMax = 12;
   std::string calls;      // classes the shim counts ("" all)
   int syncIntervalMs = 5;

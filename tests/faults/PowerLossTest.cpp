@@ -41,11 +41,10 @@ TEST(PowerLoss, EveryImageOpensWithAStateThatExistedAndNoDurableWriteLost) {
   for (unsigned long r = 0; r < rounds && tally.firstProblem.empty(); ++r) {
     PowerLossRound round;
     round.database = r % 3 == 2;
-    round.ops = round.database ? 150 : long(300 + rng() % 900);
+    round.ops = round.database ? 150 : long(300 + rng() % 700);
     round.syncIntervalMs = r % 2 ? 0 : int(1 + rng() % 20);
     round.calls = rng() % 2 ? "" : "sync,trunc,alloc,mmap,rename,unlink";
-    round.snapEvery = round.calls.empty() ? long(round.ops / 12 + 1) : long(2 + rng() % 3);
-    round.snapMax = round.database ? 6 : 14;
+    round.snapMax = round.database ? 3 : 6;
     runPowerLossRound(round.database ? dbWork.path() : work.path(), scratch.path(), round, rng,
                       round.database ? dbBase : tableBase, tally);
   }
