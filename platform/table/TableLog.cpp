@@ -114,6 +114,14 @@ int TableLog::open(const std::string& path, bool readOnly, uint32_t maxPayload) 
   struct stat st;
   int status = fstat(fd_, &st) != 0 ? TBL_IO_ERROR : (S_ISREG(st.st_mode) ? TBL_OK : TBL_BAD_FORMAT);
   if (status == TBL_OK) status = readHeaders();
+  if (status == TBL_BAD_FORMAT && S_ISREG(st.st_mode) &&
+      static_cast<uint64_t>(st.st_size) <= kRecordsStart) {
+    // No header and no room for a record: a log whose creation was cut
+    // short (records are appended only once a header is synced). It holds
+    // nothing; a read-write open removes it.
+    status = TBL_FILE_MISSING;
+    if (!readOnly && ::unlink(path.c_str()) == 0) syncDirectoryOf(path);
+  }
   if (status != TBL_OK) {
     ::close(fd_);
     fd_ = -1;

@@ -57,8 +57,10 @@ class TableLog {
   int create(const std::string& path, const uint8_t* tableId, uint64_t baseLsn,
              uint32_t maxPayload);
   // Opens an existing log and reads its header: TBL_FILE_MISSING when
-  // absent, TBL_BAD_FORMAT when it is not a regular file or neither header
-  // slot is valid.
+  // absent or when its creation was cut short (no valid header, no byte
+  // past the header slots: it holds no record; removed unless `readOnly`),
+  // TBL_BAD_FORMAT when it is not a regular file or neither header slot of
+  // a longer file is valid.
   int open(const std::string& path, bool readOnly, uint32_t maxPayload);
   bool isOpen() const { return fd_ >= 0; }
   const uint8_t* tableId() const { return tableId_; }
