@@ -209,10 +209,6 @@ Content readDatabase(const std::string& dir, const std::vector<std::string>& key
   }
   if (db->checkConsistency(&content.problem) != 0 && content.problem.empty())
     content.problem = "checkConsistency failed";
-  bool consistent = false;
-  WzScanDBObjectValidateTree(db, consistent, err);
-  if (content.problem.empty() && (err.IsError() || !consistent))
-    content.problem = "validateTree: " + (err.IsError() ? err.AsString() : std::string("inconsistent"));
   for (const std::string& key : std::set<std::string>(keys.begin(), keys.end())) {
     WzScanDBRecordPtr in, out;
     std::string path = key;
@@ -224,6 +220,11 @@ Content readDatabase(const std::string& dir, const std::vector<std::string>& key
     if (e.IsError() && content.problem.empty()) content.problem = key + ": " + e.AsString();
     if (found) content.state[key] = (key == "/" || key == "/w") ? 1 : (long long)(out->getRefTime());
   }
+  // The tree, once it has a root (an empty database has none to walk).
+  bool consistent = false;
+  if (content.state.count("/")) WzScanDBObjectValidateTree(db, consistent, err);
+  if (content.problem.empty() && content.state.count("/") && (err.IsError() || !consistent))
+    content.problem = "validateTree: " + (err.IsError() ? err.AsString() : std::string("inconsistent"));
   if (content.problem.empty() && db->numberOfRecords() != int64_t(content.state.size()))
     content.problem = "records that no operation made: " + std::to_string(db->numberOfRecords()) +
                       " stored, " + std::to_string(content.state.size()) + " known";
@@ -284,10 +285,7 @@ std::optional<size_t> matchPrefix(const State& base, const std::vector<Operation
 
 void copyDir(const std::string& from, const std::string& to) {
   fs::create_directories(to);
-  for (const auto& entry : fs::directory_iterator(from))
-    if (entry.is_regular_file())
-      fs::copy_file(entry.path(), fs::path(to) / entry.path().filename(),
-                    fs::copy_options::overwrite_existing);
+  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
 }
 
 std::string describe(const State& s, size_t max) {
@@ -297,6 +295,39 @@ std::string describe(const State& s, size_t max) {
     out += " " + k + "=" + std::to_string(v);
   }
   return out;
+}
+
+}  // namespace faults
+
+namespace faults {
+
+Content Subject::read(const std::string& dir, const State& base,
+                      const std::vector<Operation>& ops) const {
+  if (!database) return readTable(dir, keys);
+  std::vector<std::string> all;
+  for (const auto& [k, v] : base) all.push_back(k);
+  for (const Operation& op : ops) all.push_back(op.key);
+  return readDatabase(dir, all);
+}
+
+WriterRun runPlain(const std::vector<std::string>& args, int syncIntervalMs) {
+  RunOptions options;
+  options.shim = false;
+  options.args = args;
+  options.syncIntervalMs = syncIntervalMs;
+  return runWriter(options);
+}
+
+std::vector<TracedCall> countCalls(const std::string& start, const std::string& dir,
+                                   RunOptions options, const std::string& trace) {
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  copyDir(start, dir);
+  fs::remove(trace);
+  options.env["WZF_DIR"] = dir;
+  options.env["WZF_TRACE"] = trace;
+  runWriter(options);
+  return readTrace(trace);
 }
 
 }  // namespace faults

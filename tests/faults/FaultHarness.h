@@ -87,8 +87,27 @@ State applyAcked(State base, const std::vector<Operation>& ops);
 // The successful-or-in-flight operations of `ops` (failed ones dropped).
 std::vector<Operation> notFailed(const std::vector<Operation>& ops);
 
-// Copies every regular file of `from` into `to` (made if missing).
+// Copies everything in `from` into `to` (made if missing).
 void copyDir(const std::string& from, const std::string& to);
 std::string describe(const State& s, size_t max = 8);
+
+}  // namespace faults
+
+namespace faults {
+
+// A directory the writer works on and how to judge it afterwards.
+struct Subject {
+  bool database = false;
+  unsigned keys = 400;  // table mode
+  // Reads `dir` (readTable or readDatabase with every key of `base` and `ops`).
+  Content read(const std::string& dir, const State& base, const std::vector<Operation>& ops) const;
+};
+
+// Runs the writer without the shim (setup): `args` after the program name.
+WriterRun runPlain(const std::vector<std::string>& args, int syncIntervalMs = 60000);
+// Counts the calls of `options` (WZF_CALLS as set) on a copy of `start`
+// made at `dir` (the directory the writer's arguments name).
+std::vector<TracedCall> countCalls(const std::string& start, const std::string& dir,
+                                   RunOptions options, const std::string& trace);
 
 }  // namespace faults

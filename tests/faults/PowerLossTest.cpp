@@ -2,8 +2,8 @@
 // interval, checkpoints (log limit, close and reopen, index rebuilds) and
 // map growth in play: every image opens, holds a state that existed, and
 // keeps every write acknowledged before the last completed flush of the log.
-// WZ_POWERLOSS_ROUNDS and WZ_POWERLOSS_SEED lengthen the run
-// (scripts/powerloss-soak.sh).
+// WZ_POWERLOSS_ROUNDS, WZ_POWERLOSS_SNAPS (per round) and WZ_POWERLOSS_SEED
+// lengthen the run (scripts/powerloss-soak.sh).
 #include <cstdio>
 #include <cstdlib>
 
@@ -44,7 +44,7 @@ TEST(PowerLoss, EveryImageOpensWithAStateThatExistedAndNoDurableWriteLost) {
     round.ops = round.database ? 150 : long(300 + rng() % 700);
     round.syncIntervalMs = r % 2 ? 0 : int(1 + rng() % 20);
     round.calls = rng() % 2 ? "" : "sync,trunc,alloc,mmap,rename,unlink";
-    round.snapMax = round.database ? 3 : 6;
+    round.snapMax = long(envOr("WZ_POWERLOSS_SNAPS", 6)) / (round.database ? 2 : 1);
     runPowerLossRound(round.database ? dbWork.path() : work.path(), scratch.path(), round, rng,
                       round.database ? dbBase : tableBase, tally);
   }
