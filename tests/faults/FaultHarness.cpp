@@ -58,6 +58,7 @@ void parse(WriterRun& run) {
         ++acked;
       } else {
         f >> op.failed;
+        if (!run.firstFailure) run.firstFailure = op.failed;
         --begun;
       }
     } else if (kind == 'Y') {
@@ -88,6 +89,9 @@ void parse(WriterRun& run) {
       run.snapshots.push_back(s);
     } else if (kind == 'E') {
       run.errors.push_back(line.substr(2));
+      // (-1: a call that answers no status, suspendIndexing)
+      const int status = std::atoi(line.c_str() + 2);
+      if (!run.firstFailure && status != -1) run.firstFailure = status;
     } else if (kind == 'L') {
       run.logged.push_back(line.substr(2));
     }
@@ -286,6 +290,23 @@ std::optional<size_t> matchPrefix(const State& base, const std::vector<Operation
 void copyDir(const std::string& from, const std::string& to) {
   fs::create_directories(to);
   fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+}
+
+std::string difference(const State& actual, const State& expected, size_t max) {
+  std::set<std::string> keys;
+  for (const auto& [k, v] : actual) keys.insert(k);
+  for (const auto& [k, v] : expected) keys.insert(k);
+  std::string out;
+  size_t count = 0;
+  for (const std::string& k : keys) {
+    const auto a = actual.find(k);
+    const auto e = expected.find(k);
+    const std::string av = a == actual.end() ? "-" : std::to_string(a->second);
+    const std::string ev = e == expected.end() ? "-" : std::to_string(e->second);
+    if (av == ev) continue;
+    if (count++ < max) out += " " + k + ": " + av + "/" + ev;
+  }
+  return std::to_string(count) + " keys differ (actual/expected):" + out;
 }
 
 std::string describe(const State& s, size_t max) {

@@ -45,6 +45,7 @@ struct WriterRun {
   std::vector<std::string> errors;  // E lines
   std::vector<std::string> logged;  // L lines (level -1)
   size_t logSyncs = 0;              // completed syncs of the log
+  int firstFailure = 0;             // status of the first F or E line
 };
 
 struct RunOptions {
@@ -90,6 +91,8 @@ std::vector<Operation> notFailed(const std::vector<Operation>& ops);
 // Copies everything in `from` into `to` (made if missing).
 void copyDir(const std::string& from, const std::string& to);
 std::string describe(const State& s, size_t max = 8);
+// The keys whose values differ, as "key: actual/expected" (absent: -).
+std::string difference(const State& actual, const State& expected, size_t max = 6);
 
 }  // namespace faults
 

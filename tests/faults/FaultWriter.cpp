@@ -18,13 +18,17 @@
 //       and deletes of files in it, then a close. Keys are paths, values
 //       reference times (folders: 1).
 //   copy FROM TO  WzScanDB::copy of a closed database.
+// FAULT_AS_HEADROOM_KB=k: table mode limits its address space (RLIMIT_AS,
+// as ulimit -v does) to k KiB above what it uses once the table is open.
 // After a failed operation the writer goes on (the next ones show whether
 // the table still works) and exits 0 whatever the statuses were.
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -91,6 +95,19 @@ int tableMode(const std::string& dir, uint64_t seed, long ops, uint32_t keys) {
   if (status != TBL_OK) {
     line("E " + std::to_string(status) + " open");
     return 0;
+  }
+  if (const char* headroom = std::getenv("FAULT_AS_HEADROOM_KB")) {
+    // A real address-space limit (ulimit -v) a little above what the
+    // process uses now: the maps' growth runs into it.
+    std::ifstream status("/proc/self/status");
+    std::string field;
+    unsigned long long kb = 0;
+    while (status >> field && field != "VmSize:") {
+    }
+    status >> kb;
+    const rlim_t bytes = rlim_t(kb + std::strtoull(headroom, nullptr, 10)) * 1024;
+    const rlimit limit{bytes, bytes};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) line("E -1 setrlimit");
   }
   // The table's content as it is now: key -> version (-1: absent).
   std::vector<long long> state(keys, -1);
