@@ -459,6 +459,12 @@ int TCtreeTable::Impl::checkpoint() {
   } else if (dataTxn) {
     abortGroup();  // nothing written since the last checkpoint
   }
+  if (log.isOpen() && log.lastLsn() > dataLsn) {
+    // The files do not hold the log's last writes (their commit failed, or
+    // the group could not be made again after a failure): the log keeps
+    // them for the next open to replay.
+    return failure != TBL_OK ? failure : TBL_IO_ERROR;
+  }
   if (log.isOpen() && (log.lastLsn() != dataLsn || log.baseLsn() != dataLsn)) {
     status = log.restart(dataLsn);
     if (status != TBL_OK) {
