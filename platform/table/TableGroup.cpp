@@ -383,8 +383,13 @@ int TCtreeTable::Impl::afterWrite() {
   if (syncIntervalMs == 0 && ts().bulk == 0) {
     int status = log.sync();
     if (status != TBL_OK) {
+      // The write failed: it is taken back out of the log (which only it
+      // holds unflushed) and out of the group, so that no replay brings it.
       failure = status;
       reportFlushFailure(status, "flushing the log");
+      int undo = log.dropLast();
+      if (undo == TBL_OK) undo = recover(nullptr);
+      if (undo != TBL_OK) reportFlushFailure(undo, "taking back a write that was not flushed");
       return status;
     }
   }
