@@ -294,11 +294,22 @@ int TCtreeTable::Impl::closeFiles() {
     // A clean close leaves the two files alone; after a failure the log
     // stays, and the next open replays it and checks every page.
     int logStatus = log.close(status == TBL_OK);
+    if (logStatus != TBL_OK)
+      self->debug(-1, "Table %s: removing the log %s at close failed (%s)", name.c_str(),
+                  logPath().c_str(), errToString(logStatus));
     if (status == TBL_OK) status = logStatus;
   }
   dropTransactions();
   int indexStatus = index.close();
   int dataStatus = data.close();  // last: closing the data file drops the writer lock
+  // Each file's length is cut to its pages and flushed: a failure is a failed flush.
+  auto reportClose = [this](int fileStatus, const LmdbFile& file) {
+    if (fileStatus != TBL_OK)
+      self->debug(-1, "Table %s: flushing %s at close failed (%s)", name.c_str(),
+                  file.path().c_str(), errToString(fileStatus));
+  };
+  reportClose(indexStatus, index);
+  reportClose(dataStatus, data);
   if (status == TBL_OK) status = indexStatus != TBL_OK ? indexStatus : dataStatus;
   open = false;
   readOnly = false;
