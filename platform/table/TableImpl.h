@@ -209,6 +209,7 @@ struct TCtreeTable::Impl {
 template <typename Body>
 int TCtreeTable::Impl::write(wztable::LmdbFile& file, Body body) {
   for (;;) {
+    if (!file.env()) return TBL_IO_ERROR;  // closed by a failed growth
     MDB_txn* txn = nullptr;
     int rc = mdb_txn_begin(file.env(), nullptr, 0, &txn);
     if (rc != MDB_SUCCESS) return wztable::statusFromMdb(rc);

@@ -127,6 +127,11 @@ int TCtreeTable::Impl::loadOpenState() {
   unpinSnapshot(index.fd(), pin);
   if (status != TBL_OK) return status;
 
+  data.keepHandles({{kRecordsDbName, MDB_INTEGERKEY, records}});
+  std::vector<LmdbFile::Handle> handles;
+  for (size_t i = 0; i < indexDbi.size(); ++i)
+    handles.push_back({indexDbName(i), indexDbFlags(schema.indexes()[i]), indexDbi[i]});
+  index.keepHandles(std::move(handles));
   std::memcpy(tableId, dataId, sizeof tableId);
   legacyFiles = !dataHasLsn || !indexHasLsn;
   suspended = state.suspended != 0;
