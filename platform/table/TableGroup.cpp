@@ -57,6 +57,14 @@ TCtreeTable::Impl::ThreadState& TCtreeTable::Impl::ts() {
 
 int TCtreeTable::Impl::beginGroup() {
   if (dataTxn) return TBL_OK;
+  // A group lost to a failure while the log holds writes past the files
+  // comes back only by a replay: a plain group would lack those writes, and
+  // its checkpoint would stamp the files with their LSN and drop the log.
+  if (log.isOpen() && log.lastLsn() > dataLsn) return recover(nullptr);
+  return openGroup();
+}
+
+int TCtreeTable::Impl::openGroup() {
   if (!data.env() || !index.env()) return failure ? failure : TBL_IO_ERROR;
   // Room for the group, when the disk has it (a file is opened at its own
   // size): growing inside a group costs a replay. A full disk is reported by
@@ -499,7 +507,7 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
         return status;
       }
     }
-    int status = beginGroup();
+    int status = openGroup();
     if (status != TBL_OK) return status;
     if (!log.isOpen()) return TBL_OK;
     fullFile = nullptr;

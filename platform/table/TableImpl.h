@@ -143,7 +143,10 @@ struct TCtreeTable::Impl {
   int write(wztable::LmdbFile& file, Body body);
 
   // ---- group, log, checkpoint, replay (TableGroup.cpp) ----
+  // The group: opened when missing, rebuilt from the log when the log holds
+  // writes the files do not (after a failure); openGroup opens it as it is.
   int beginGroup();
+  int openGroup();
   void abortGroup();
   int checkpoint();
   int recover(wztable::LmdbFile* grow);
