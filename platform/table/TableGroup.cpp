@@ -357,9 +357,16 @@ int TCtreeTable::Impl::logWrite(TableLog::Op op, uint64_t recno, const uint8_t* 
                   errToString(status));
       return status;
     }
-    if (syncIntervalMs > 0)
-      flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
-                    [this](int s) { reportFlushFailure(s, "flushing the log"); });
+  }
+  if (syncIntervalMs > 0 && !flusher.running()) {
+    // No write goes in without the thread that flushes it within the interval.
+    int status = flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
+                               [this](int s) { reportFlushFailure(s, "flushing the log"); });
+    if (status != TBL_OK) {
+      self->debug(-1, "Table %s: cannot start the thread that flushes the log (%s)", name.c_str(),
+                  errToString(status));
+      return status;
+    }
   }
   return log.append(op, recno, payload, static_cast<uint32_t>(length), ts().bulk > 0, nullptr);
 }
@@ -582,8 +589,6 @@ int TCtreeTable::Impl::replayLog() {
   }
   self->debug(0, "Table %s: replayed %" PRIu64 " writes from the log %s", name.c_str(),
               dataLsn - before, logPath().c_str());
-  if (syncIntervalMs > 0)
-    flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
-                  [this](int s) { reportFlushFailure(s, "flushing the log"); });
+  // The flusher starts with the session's first write (logWrite).
   return TBL_OK;
 }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "FileLocks.h"
 #include "TableFormat.h"
@@ -475,7 +476,12 @@ int TCtreeTable::open(WZIndexing::TAccessEnum mode) {
     return TBL_OK;
   }
   debug(0, "Rebuilding the indexes of table %s during open: %s", impl_->name.c_str(), why);
-  status = impl_->rebuild();
+  try {
+    // The sort's runs and read buffers are allocated outside any transaction.
+    status = impl_->rebuild();
+  } catch (const std::bad_alloc&) {
+    status = TBL_NO_MEMORY;
+  }
   if (status == TBL_DUPLICATE_KEY) {
     debug(-1,
           "Table %s: a unique index meets a duplicate key; indexing stays suspended and no "

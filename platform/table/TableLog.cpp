@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "LmdbFile.h"
 #include "runtime/FXFile.h"
@@ -275,13 +276,19 @@ int TableLog::replay(const std::function<int(const Record&)>& take) {
   std::vector<uint8_t>& chunk = scratch_;
   uint64_t chunkFrom = 0;
   size_t chunkSize = 0;
+  bool shortOfMemory = false;  // a read buffer could not be had: not the log's end
   auto bytesAt = [&](uint64_t from, size_t want) -> const uint8_t* {
     if (from + want > streamEnd) return nullptr;
     if (from >= bufferedFrom && !buffer_.empty()) return buffer_.data() + (from - bufferedFrom);
     if (from + want > bufferedFrom) return nullptr;  // a file record running into the buffer
     if (from >= chunkFrom && from + want <= chunkFrom + chunkSize) return chunk.data() + (from - chunkFrom);
     const size_t size = std::max(want, kReadChunk);
-    chunk.resize(size);
+    try {
+      chunk.resize(size);
+    } catch (const std::bad_alloc&) {
+      shortOfMemory = true;
+      return nullptr;
+    }
     ssize_t n = pread(fd_, chunk.data(), size, static_cast<off_t>(from));
     if (n < 0) return nullptr;
     chunkFrom = from;
@@ -311,6 +318,8 @@ int TableLog::replay(const std::function<int(const Record&)>& take) {
   scratch_.clear();
   scratch_.shrink_to_fit();
   if (answer != TBL_OK) return answer;
+  // Stopping there would take the records after it for a torn end.
+  if (shortOfMemory) return TBL_NO_MEMORY;
   // Appends continue after the last valid record; what follows is dropped.
   lastLsn_ = expected - 1;
   lastStart_ = lastGoodStart;
