@@ -21,7 +21,8 @@
 // FAULT_AS_HEADROOM_KB=k: table mode limits its address space (RLIMIT_AS,
 // as ulimit -v does) to k KiB above what it uses once the table is open.
 // After a failed operation the writer goes on (the next ones show whether
-// the table still works) and exits 0 whatever the statuses were.
+// the table still works; twenty failures in a row end the operations) and
+// exits 0 whatever the statuses were.
 #include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
@@ -71,11 +72,15 @@ class Reporter {
     const int status = call();
     line(status == 0 ? "A " + std::to_string(seq) + " " + std::to_string(nowUs())
                      : "F " + std::to_string(seq) + " " + std::to_string(status));
+    failedInARow_ = status == 0 ? 0 : failedInARow_ + 1;
     return status == 0;
   }
+  // Twenty failures in a row: the table refuses writes; the run goes to its close.
+  bool refused() const { return failedInARow_ >= 20; }
 
  private:
   unsigned long seq_ = 0;
+  int failedInARow_ = 0;
 };
 
 // The generic table with a small growth step, so that a short run grows its
@@ -120,7 +125,7 @@ int tableMode(const std::string& dir, uint64_t seed, long ops, uint32_t keys) {
     if (it != keyOf.end()) state[it->second] = rec.refTime;
   }
   Reporter report;
-  for (long i = 0; i < ops; ++i) {
+  for (long i = 0; i < ops && !report.refused(); ++i) {
     const unsigned dice = unsigned(rng() % 1000);
     if (dice < 3) {
       // A close and a reopen: a clean checkpoint, the log removed and made anew.
@@ -199,7 +204,7 @@ int dbMode(const std::string& dir, uint64_t seed, long ops) {
     });
   }
   std::vector<std::string> live;
-  for (long i = 0; i < ops; ++i) {
+  for (long i = 0; i < ops && !report.refused(); ++i) {
     const unsigned roll = unsigned(rng() % 4);
     const unsigned long long refTime = 1000 + rng() % 1000000;
     if (live.empty() || roll < 2) {
