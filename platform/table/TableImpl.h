@@ -219,6 +219,10 @@ int TCtreeTable::Impl::write(wztable::LmdbFile& file, Body body) {
     rc = body(txn);
     if (rc == MDB_SUCCESS) {
       rc = mdb_txn_commit(txn);
+      // A commit that could not be written or synced is a failed flush.
+      if (rc != MDB_SUCCESS && rc != MDB_MAP_FULL)
+        self->debug(-1, "Table %s: committing %s failed (%s)", name.c_str(), file.path().c_str(),
+                    mdb_strerror(rc));
     } else {
       mdb_txn_abort(txn);
     }
