@@ -58,6 +58,7 @@ void parse(WriterRun& run) {
         ++acked;
       } else {
         f >> op.failed;
+        run.failed = true;
         if (!run.firstFailure) run.firstFailure = op.failed;
         --begun;
       }
@@ -89,6 +90,7 @@ void parse(WriterRun& run) {
       run.snapshots.push_back(s);
     } else if (kind == 'E') {
       run.errors.push_back(line.substr(2));
+      run.failed = true;
       // (-1: a call that answers no status, suspendIndexing)
       const int status = std::atoi(line.c_str() + 2);
       if (!run.firstFailure && status != -1) run.firstFailure = status;

@@ -46,6 +46,7 @@ struct WriterRun {
   std::vector<std::string> logged;  // L lines (level -1)
   size_t logSyncs = 0;              // completed syncs of the log
   int firstFailure = 0;             // status of the first F or E line
+  bool failed = false;              // an F or E line, whatever its status
 };
 
 struct RunOptions {
