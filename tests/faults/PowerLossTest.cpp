@@ -41,10 +41,10 @@ TEST(PowerLoss, EveryImageOpensWithAStateThatExistedAndNoDurableWriteLost) {
   for (unsigned long r = 0; r < rounds && tally.firstProblem.empty(); ++r) {
     PowerLossRound round;
     round.database = r % 3 == 2;
-    round.ops = round.database ? 150 : long(300 + rng() % 700);
+    round.ops = round.database ? 150 : long(300 + rng() % 500);
     round.syncIntervalMs = r % 2 ? 0 : int(1 + rng() % 20);
     round.calls = rng() % 2 ? "" : "sync,trunc,alloc,mmap,rename,unlink";
-    round.snapMax = long(envOr("WZ_POWERLOSS_SNAPS", 6)) / (round.database ? 2 : 1);
+    round.snapMax = long(envOr("WZ_POWERLOSS_SNAPS", 4)) / (round.database ? 2 : 1);
     runPowerLossRound(round.database ? dbWork.path() : work.path(), scratch.path(), round, rng,
                       round.database ? dbBase : tableBase, tally);
   }
