@@ -1,7 +1,8 @@
 // FaultShim: an LD_PRELOAD library that watches the file calls a process
 // makes on the files of one directory, for the fault tests.
 //
-// It wraps open/openat/creat, write/pwrite/writev/pwritev, fsync/fdatasync/
+// It wraps open/openat/creat, write/pwrite/writev/pwritev/copy_file_range/
+// sendfile, fsync/fdatasync/
 // msync/sync_file_range, ftruncate/truncate, fallocate/posix_fallocate,
 // rename/renameat/renameat2, unlink/unlinkat, mmap/munmap and close. A call
 // matches when it names a file under WZF_DIR (by path, or by a descriptor
@@ -49,6 +50,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -504,6 +506,19 @@ ssize_t pwritev(int fd, const struct iovec* iov, int count, off_t offset) {
   FD_CALL(kWrite, pwritev, fd, -1);
   REAL(pwritev);
   return real_pwritev(fd, iov, count, offset);
+}
+
+// Copies into a watched file (FXFile::WZCopyFile) are its writes.
+ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, size_t n,
+                        unsigned flags) {
+  FD_CALL(kWrite, copy_file_range, out, -1);
+  REAL(copy_file_range);
+  return real_copy_file_range(in, inOffset, out, outOffset, n, flags);
+}
+ssize_t sendfile(int out, int in, off_t* offset, size_t n) {
+  FD_CALL(kWrite, sendfile, out, -1);
+  REAL(sendfile);
+  return real_sendfile(out, in, offset, n);
 }
 
 int ftruncate(int fd, off_t length) {
