@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <cstdio>
+#include <mutex>
+#include <vector>
 
 #include "ForkSafety.h"
 #include "LmdbVerifier.h"
@@ -20,6 +22,15 @@ namespace {
 constexpr uint64_t kMiB = 1024 * 1024;
 
 uint64_t roundUp(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+// Environments that cannot be closed safely, kept reachable for the life of
+// the process (so that a leak checker does not report them as lost).
+void keepUnclosed(MDB_env* env) {
+  static std::mutex mutex;
+  static auto* kept = new std::vector<MDB_env*>;
+  std::lock_guard<std::mutex> lock(mutex);
+  kept->push_back(env);
+}
 
 int statusFromErrno(int err) {
   switch (err) {
@@ -152,20 +163,47 @@ int LmdbFile::grow(size_t minExtra) {
       continue;
     }
     if (status != TBL_OK) return status;
-    // The blocks are there, so LMDB's own ftruncate to the new size cannot
-    // fail; the new map can (no address space). LMDB leaves the environment
-    // without a map then: it is reopened at the old size, or closed.
+    // The blocks are there, so LMDB's own ftruncate to the new size should
+    // not fail; the new map can (no address space). LMDB leaves the
+    // environment without a usable map then: it is reopened at the old size
+    // with the owner's handles, or closed.
     int rc = mdb_env_set_mapsize(env_, static_cast<size_t>(newSize));
     if (rc == 0) {
       mapSize_ = static_cast<size_t>(newSize);
       return TBL_OK;
     }
+    // When its mmap failed (ENOMEM) LMDB has dropped the map and the
+    // environment closes cleanly. When its ftruncate failed, it keeps the
+    // old, already unmapped address with the new size, and closing it would
+    // unmap that range over whatever lies next to it: that environment is
+    // let go unclosed (a descriptor and a little memory, on a rare error).
     const size_t oldSize = mapSize_;
-    mdb_env_close(env_);
+    if (rc == ENOMEM) mdb_env_close(env_);
+    else keepUnclosed(env_);
     env_ = nullptr;
-    mapEnv(oldSize);
+    if (mapEnv(oldSize) == TBL_OK && reopenHandles() != TBL_OK) {
+      mdb_env_close(env_);
+      env_ = nullptr;
+    }
     return statusFromMdb(rc);
   }
+}
+
+// A new environment knows no database: the main one needs its comparison
+// set up, the named ones their handles, given out in the order of opening.
+int LmdbFile::reopenHandles() {
+  MDB_txn* txn = nullptr;
+  int rc = mdb_txn_begin(env_, nullptr, MDB_RDONLY, &txn);
+  MDB_dbi dbi = 0;
+  if (rc == MDB_SUCCESS) rc = mdb_dbi_open(txn, nullptr, 0, &dbi);
+  for (const Handle& h : handles_) {
+    if (rc != MDB_SUCCESS) break;
+    rc = mdb_dbi_open(txn, h.name.c_str(), h.flags, &dbi);
+    if (rc == MDB_SUCCESS && dbi != h.dbi) rc = MDB_BAD_DBI;
+  }
+  if (rc == MDB_SUCCESS) return statusFromMdb(mdb_txn_commit(txn));
+  if (txn) mdb_txn_abort(txn);
+  return statusFromMdb(rc);
 }
 
 int LmdbFile::ensureRoom(size_t bytes) {

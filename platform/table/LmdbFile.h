@@ -10,7 +10,8 @@
 // grows on demand: grow() allocates the disk blocks first (so a full disk is
 // an error status, never a SIGBUS on a page of the map) and then enlarges the
 // map; if the larger map cannot be made (no address space), the environment
-// is reopened at its old size, or closed when even that fails. close() cuts
+// is reopened at its old size with the owner's database handles (keepHandles),
+// or closed when even that fails. close() cuts
 // the file back to the pages in use, so files stay proportional to their
 // content.
 //
@@ -22,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace wztable {
 
@@ -52,6 +54,15 @@ class LmdbFile {
   // Enlarges the map by the growth step (at least `minExtra` bytes).
   // TBL_FILE_FULL past the cap or when the disk refuses the blocks.
   int grow(size_t minExtra = 0);
+  // The named databases the owner opened, with their flags and handles: when
+  // a failed growth reopens the environment, they are opened again in this
+  // order so that the handles stay valid (or the environment is closed).
+  struct Handle {
+    std::string name;
+    unsigned flags;
+    MDB_dbi dbi;
+  };
+  void keepHandles(std::vector<Handle> handles) { handles_ = std::move(handles); }
   // Grows the map when fewer than `bytes` lie past the last page in use (by
   // a growth step, or less when the disk or a size limit leaves less).
   int ensureRoom(size_t bytes);
@@ -83,6 +94,7 @@ class LmdbFile {
  private:
   int preallocate(uint64_t size);
   int mapEnv(size_t mapSize);
+  int reopenHandles();
 
   unsigned maxDbs_ = 0;
 
@@ -95,6 +107,7 @@ class LmdbFile {
   size_t growStep_ = 0;
   uint64_t sizeCap_ = 0;
   size_t mapSize_ = 0;
+  std::vector<Handle> handles_;
 };
 
 }  // namespace wztable

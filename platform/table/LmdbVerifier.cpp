@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -551,7 +552,7 @@ int verifyLmdbFile(int fd, std::string* reason, bool deep) {
   const uint64_t pages = lastPage + 1;
   const size_t mapBytes = static_cast<size_t>(pages * pageSize);
   void* map = mmap(nullptr, mapBytes, PROT_READ, MAP_SHARED | (deep ? MAP_POPULATE : 0), fd, 0);
-  if (map == MAP_FAILED) return TBL_IO_ERROR;
+  if (map == MAP_FAILED) return errno == ENOMEM ? TBL_NO_MEMORY : TBL_IO_ERROR;
   Verifier verifier(static_cast<const uint8_t*>(map), pages, pageSize, deep);
   const bool sound = verifier.run(current);
   munmap(map, mapBytes);

@@ -1,18 +1,25 @@
 #include "LogFlusher.h"
 
+#include <system_error>
+
 #include "table/TableStatus.h"
 
 namespace wztable {
 
-void LogFlusher::start(TableLog* log, std::chrono::milliseconds interval,
-                       std::function<void(int)> report) {
+int LogFlusher::start(TableLog* log, std::chrono::milliseconds interval,
+                      std::function<void(int)> report) {
   stop();
   log_ = log;
   interval_ = interval;
   report_ = std::move(report);
   stopping_ = false;
   failure_.store(TBL_OK);
-  thread_ = std::thread([this] { run(); });
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error&) {
+    return TBL_NO_MEMORY;
+  }
+  return TBL_OK;
 }
 
 void LogFlusher::stop() {

@@ -27,7 +27,8 @@ class LogFlusher {
 
   // Starts flushing `log` every `interval`; `report` is called (on the
   // flusher's thread) with the status of the first flush that fails.
-  void start(TableLog* log, std::chrono::milliseconds interval, std::function<void(int)> report);
+  // TBL_NO_MEMORY when the thread cannot be made (no memory for its stack).
+  int start(TableLog* log, std::chrono::milliseconds interval, std::function<void(int)> report);
   void stop();
   bool running() const { return thread_.joinable(); }
   // TBL_OK, or the status of the first failed flush.

@@ -45,7 +45,8 @@ bool isEngineFile(const std::string& path, Kind kind) {
   if (kind == Kind::kTemporary) return true;  // the name alone is ours
   if (kind == Kind::kLog) {
     TableLog log;
-    return log.open(path, true, 0) == TBL_OK;
+    const int status = log.open(path, true, 0);
+    return status == TBL_OK || status == TBL_FILE_MISSING;  // whole, or never started
   }
   uint8_t id[16];
   return readFileTableId(path, kIndexMagic, id) == TBL_OK;

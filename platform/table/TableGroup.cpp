@@ -57,6 +57,14 @@ TCtreeTable::Impl::ThreadState& TCtreeTable::Impl::ts() {
 
 int TCtreeTable::Impl::beginGroup() {
   if (dataTxn) return TBL_OK;
+  // A group lost to a failure while the log holds writes past the files
+  // comes back only by a replay: a plain group would lack those writes, and
+  // its checkpoint would stamp the files with their LSN and drop the log.
+  if (log.isOpen() && log.lastLsn() > dataLsn) return recover(nullptr);
+  return openGroup();
+}
+
+int TCtreeTable::Impl::openGroup() {
   if (!data.env() || !index.env()) return failure ? failure : TBL_IO_ERROR;
   // Room for the group, when the disk has it (a file is opened at its own
   // size): growing inside a group costs a replay. A full disk is reported by
@@ -331,9 +339,16 @@ int TCtreeTable::Impl::reserveLog(size_t length) {
                   errToString(status));
       return status;
     }
-    if (syncIntervalMs > 0)
-      flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
-                    [this](int s) { reportFlushFailure(s, "flushing the log"); });
+  }
+  if (syncIntervalMs > 0 && !flusher.running()) {
+    // No write goes in without the thread that flushes it within the interval.
+    int status = flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
+                               [this](int s) { reportFlushFailure(s, "flushing the log"); });
+    if (status != TBL_OK) {
+      self->debug(-1, "Table %s: cannot start the thread that flushes the log (%s)", name.c_str(),
+                  errToString(status));
+      return status;
+    }
   }
   int status = log.reserve(length);
   if (status != TBL_OK && log.recordBytes() > 0) {
@@ -400,8 +415,13 @@ int TCtreeTable::Impl::afterWrite() {
   if (syncIntervalMs == 0 && ts().bulk == 0) {
     int status = log.sync();
     if (status != TBL_OK) {
+      // The write failed: it is taken back out of the log (which only it
+      // holds unflushed) and out of the group, so that no replay brings it.
       failure = status;
       reportFlushFailure(status, "flushing the log");
+      int undo = log.dropLast();
+      if (undo == TBL_OK) undo = recover(nullptr);
+      if (undo != TBL_OK) reportFlushFailure(undo, "taking back a write that was not flushed");
       return status;
     }
   }
@@ -486,6 +506,12 @@ int TCtreeTable::Impl::checkpoint() {
   } else if (dataTxn) {
     abortGroup();  // nothing written since the last checkpoint
   }
+  if (log.isOpen() && log.lastLsn() > dataLsn) {
+    // The files do not hold the log's last writes (their commit failed, or
+    // the group could not be made again after a failure): the log keeps
+    // them for the next open to replay.
+    return failure != TBL_OK ? failure : TBL_IO_ERROR;
+  }
   if (log.isOpen() && (log.lastLsn() != dataLsn || log.baseLsn() != dataLsn)) {
     status = log.restart(dataLsn);
     if (status != TBL_OK) {
@@ -521,7 +547,7 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
       grown = status;
       grow = nullptr;
     }
-    int status = beginGroup();
+    int status = openGroup();
     if (status != TBL_OK) return status;
     if (!log.isOpen()) return grown;
     fullFile = nullptr;
@@ -607,8 +633,6 @@ int TCtreeTable::Impl::replayLog() {
   }
   self->debug(0, "Table %s: replayed %" PRIu64 " writes from the log %s", name.c_str(),
               dataLsn - before, logPath().c_str());
-  if (syncIntervalMs > 0)
-    flusher.start(&log, std::chrono::milliseconds(syncIntervalMs),
-                  [this](int s) { reportFlushFailure(s, "flushing the log"); });
+  // The flusher starts with the session's first write (logWrite).
   return TBL_OK;
 }

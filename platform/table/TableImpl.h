@@ -147,7 +147,10 @@ struct TCtreeTable::Impl {
   int write(wztable::LmdbFile& file, Body body);
 
   // ---- group, log, checkpoint, replay (TableGroup.cpp) ----
+  // The group: opened when missing, rebuilt from the log when the log holds
+  // writes the files do not (after a failure); openGroup opens it as it is.
   int beginGroup();
+  int openGroup();
   bool roomLow(const wztable::LmdbFile& file, MDB_txn* txn, uint64_t groupStart) const;
   uint64_t dataGroupStart = 0, indexGroupStart = 0;  // next pages when the group began
   bool growthBlocked = false;  // the last growth failed: checkpoints for room are of no use
@@ -224,12 +227,17 @@ struct TCtreeTable::Impl {
 template <typename Body>
 int TCtreeTable::Impl::write(wztable::LmdbFile& file, Body body) {
   for (;;) {
+    if (!file.env()) return TBL_IO_ERROR;  // closed by a failed growth
     MDB_txn* txn = nullptr;
     int rc = mdb_txn_begin(file.env(), nullptr, 0, &txn);
     if (rc != MDB_SUCCESS) return wztable::statusFromMdb(rc);
     rc = body(txn);
     if (rc == MDB_SUCCESS) {
       rc = mdb_txn_commit(txn);
+      // A commit that could not be written or synced is a failed flush.
+      if (rc != MDB_SUCCESS && rc != MDB_MAP_FULL)
+        self->debug(-1, "Table %s: committing %s failed (%s)", name.c_str(), file.path().c_str(),
+                    mdb_strerror(rc));
     } else {
       mdb_txn_abort(txn);
     }

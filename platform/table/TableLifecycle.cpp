@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "FileLocks.h"
 #include "TableFormat.h"
@@ -125,6 +126,11 @@ int TCtreeTable::Impl::loadOpenState() {
   unpinSnapshot(index.fd(), pin);
   if (status != TBL_OK) return status;
 
+  data.keepHandles({{kRecordsDbName, MDB_INTEGERKEY, records}});
+  std::vector<LmdbFile::Handle> handles;
+  for (size_t i = 0; i < indexDbi.size(); ++i)
+    handles.push_back({indexDbName(i), indexDbFlags(schema.indexes()[i]), indexDbi[i]});
+  index.keepHandles(std::move(handles));
   std::memcpy(tableId, dataId, sizeof tableId);
   legacyFiles = !dataHasLsn || !indexHasLsn;
   suspended = state.suspended != 0;
@@ -292,11 +298,22 @@ int TCtreeTable::Impl::closeFiles() {
     // A clean close leaves the two files alone; after a failure the log
     // stays, and the next open replays it and checks every page.
     int logStatus = log.close(status == TBL_OK);
+    if (logStatus != TBL_OK)
+      self->debug(-1, "Table %s: removing the log %s at close failed (%s)", name.c_str(),
+                  logPath().c_str(), errToString(logStatus));
     if (status == TBL_OK) status = logStatus;
   }
   dropTransactions();
   int indexStatus = index.close();
   int dataStatus = data.close();  // last: closing the data file drops the writer lock
+  // Each file's length is cut to its pages and flushed: a failure is a failed flush.
+  auto reportClose = [this](int fileStatus, const LmdbFile& file) {
+    if (fileStatus != TBL_OK)
+      self->debug(-1, "Table %s: flushing %s at close failed (%s)", name.c_str(),
+                  file.path().c_str(), errToString(fileStatus));
+  };
+  reportClose(indexStatus, index);
+  reportClose(dataStatus, data);
   if (status == TBL_OK) status = indexStatus != TBL_OK ? indexStatus : dataStatus;
   open = false;
   readOnly = false;
@@ -457,7 +474,12 @@ int TCtreeTable::open(WZIndexing::TAccessEnum mode) {
     return TBL_OK;
   }
   debug(0, "Rebuilding the indexes of table %s during open: %s", impl_->name.c_str(), why);
-  status = impl_->rebuild();
+  try {
+    // The sort's runs and read buffers are allocated outside any transaction.
+    status = impl_->rebuild();
+  } catch (const std::bad_alloc&) {
+    status = TBL_NO_MEMORY;
+  }
   if (status == TBL_DUPLICATE_KEY) {
     debug(-1,
           "Table %s: a unique index meets a duplicate key; indexing stays suspended and no "

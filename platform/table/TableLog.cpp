@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "LmdbFile.h"
 #include "runtime/FXFile.h"
@@ -115,6 +116,14 @@ int TableLog::open(const std::string& path, bool readOnly, uint32_t maxPayload) 
   struct stat st;
   int status = fstat(fd_, &st) != 0 ? TBL_IO_ERROR : (S_ISREG(st.st_mode) ? TBL_OK : TBL_BAD_FORMAT);
   if (status == TBL_OK) status = readHeaders();
+  if (status == TBL_BAD_FORMAT && S_ISREG(st.st_mode) &&
+      static_cast<uint64_t>(st.st_size) <= kRecordsStart) {
+    // No header and no room for a record: a log whose creation was cut
+    // short (records are appended only once a header is synced). It holds
+    // nothing; a read-write open removes it.
+    status = TBL_FILE_MISSING;
+    if (!readOnly && ::unlink(path.c_str()) == 0) syncDirectoryOf(path);
+  }
   if (status != TBL_OK) {
     ::close(fd_);
     fd_ = -1;
@@ -174,6 +183,7 @@ int TableLog::restart(uint64_t baseLsn) {
   ++sequence_;
   lastLsn_ = baseLsn;
   end_ = kRecordsStart;
+  lastStart_ = 0;
   return TBL_OK;
 }
 
@@ -198,6 +208,7 @@ int TableLog::reserve(size_t length) {
 
 uint64_t TableLog::append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length) {
   const uint64_t lsn = ++lastLsn_;
+  lastStart_ = end_;
   uint8_t* p = map_ + end_;
   RecordHeader h{0, length, lsn, recno, op, 0};
   std::memcpy(p, &h, sizeof h);
@@ -207,6 +218,16 @@ uint64_t TableLog::append(Op op, uint64_t recno, const uint8_t* payload, uint32_
   end_ += kRecordHeader + length;
   written_.fetch_add(kRecordHeader + length, std::memory_order_release);
   return lsn;
+}
+
+int TableLog::dropLast() {
+  if (lastStart_ < kRecordsStart || lastStart_ >= end_ || !map_) return TBL_OK;
+  std::memset(map_ + lastStart_, 0, kRecordHeader);
+  end_ = lastStart_;
+  lastStart_ = 0;
+  --lastLsn_;
+  written_.fetch_add(1, std::memory_order_release);  // the change must reach the disk too
+  return sync();
 }
 
 int TableLog::sync() {
@@ -234,11 +255,17 @@ int TableLog::replay(const std::function<int(const Record&)>& take) {
   std::vector<uint8_t>& chunk = scratch_;
   uint64_t chunkFrom = 0;
   size_t chunkSize = 0;
+  bool shortOfMemory = false;  // a read buffer could not be had: not the log's end
   auto bytesAt = [&](uint64_t from, size_t want) -> const uint8_t* {
     if (from + want > fileEnd) return nullptr;
     if (from >= chunkFrom && from + want <= chunkFrom + chunkSize) return chunk.data() + (from - chunkFrom);
     const size_t size = std::max(want, kReadChunk);
-    chunk.resize(size);
+    try {
+      chunk.resize(size);
+    } catch (const std::bad_alloc&) {
+      shortOfMemory = true;
+      return nullptr;
+    }
     ssize_t n = pread(fd_, chunk.data(), size, static_cast<off_t>(from));
     if (n < 0) return nullptr;
     chunkFrom = from;
@@ -266,6 +293,8 @@ int TableLog::replay(const std::function<int(const Record&)>& take) {
   scratch_.clear();
   scratch_.shrink_to_fit();
   if (answer != TBL_OK) return answer;
+  // Stopping there would take the records after it for a torn end.
+  if (shortOfMemory) return TBL_NO_MEMORY;
   // Appends continue after the last valid record.
   lastLsn_ = expected - 1;
   end_ = at;

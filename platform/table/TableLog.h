@@ -61,8 +61,10 @@ class TableLog {
   int create(const std::string& path, const uint8_t* tableId, uint64_t baseLsn,
              uint32_t maxPayload);
   // Opens an existing log and reads its header: TBL_FILE_MISSING when
-  // absent, TBL_BAD_FORMAT when it is not a regular file or neither header
-  // slot is valid.
+  // absent or when its creation was cut short (no valid header, no byte
+  // past the header slots: it holds no record; removed unless `readOnly`),
+  // TBL_BAD_FORMAT when it is not a regular file or neither header slot of
+  // a longer file is valid.
   int open(const std::string& path, bool readOnly, uint32_t maxPayload);
   bool isOpen() const { return fd_ >= 0; }
   const uint8_t* tableId() const { return tableId_; }
@@ -82,6 +84,9 @@ class TableLog {
   int reserve(size_t length);
   // Stores a record with the next LSN in room reserve() made. Cannot fail.
   uint64_t append(Op op, uint64_t recno, const uint8_t* payload, uint32_t length);
+  // Takes the last record back (its flush failed, so its write failed): its
+  // header is cleared, so that no replay reads it, and the file flushed.
+  int dropLast();
   // Starts the log afresh for files that now hold `baseLsn`: a new
   // generation, the header synced, no records.
   int restart(uint64_t baseLsn);
@@ -109,6 +114,7 @@ class TableLog {
   uint64_t sequence_ = 0;
   uint64_t lastLsn_ = 0;
   uint64_t end_ = kRecordsStart;      // end of the records stored
+  uint64_t lastStart_ = 0;            // where the last record begins (0: none to drop)
   uint8_t* map_ = nullptr;            // the file, mapped shared, `mapped_` bytes
   uint64_t mapped_ = 0;
   std::vector<uint8_t> scratch_;

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <memory>
 
 #include "ExternalSorter.h"
@@ -261,7 +262,12 @@ int TCtreeTable::resumeIndexingAndRebuild() {
   Impl& im = *impl_;
   if (!im.open) return TBL_NOT_OPEN;
   if (im.readOnly) return TBL_READ_ONLY;
-  int status = im.rebuild();
+  int status = TBL_NO_MEMORY;
+  try {
+    // The sort's runs and read buffers are allocated outside any transaction.
+    status = im.rebuild();
+  } catch (const std::bad_alloc&) {
+  }
   if (status != TBL_OK)
     debug(-1, "Table %s: index rebuild failed (%s); indexing stays suspended", im.name.c_str(),
           errToString(status));

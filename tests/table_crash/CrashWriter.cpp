@@ -19,6 +19,13 @@ class Writer {
     // runs are spilled and merged.
     if (rng_() % 2) table_.setRebuildMemoryLimit(16 << 10);
     for (;;) {
+      if (rng_() % 400 == 0) {
+        write(kOpReopen, 0, 0, TBL_OK, [&] {
+          const int status = table_.close();
+          return status != TBL_OK ? status : table_.openTable(name);
+        });
+        continue;
+      }
       const uint32_t key = uint32_t(rng_() % model_.state.size());
       const unsigned dice = unsigned(rng_() % 1000);
       if (model_.state[key] == kAbsent) dice < 8 ? suspendedBatch() : add(key);

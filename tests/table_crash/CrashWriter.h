@@ -76,6 +76,7 @@ enum Op : uint8_t {
   kOpDuplicateAdd,  // must be refused and change nothing
   kOpSuspend,
   kOpRebuild,
+  kOpReopen,  // a close (a checkpoint, the log removed) and an open
 };
 inline bool isRecordOp(uint8_t op) { return op >= kOpAdd && op <= kOpDuplicateAdd; }
 

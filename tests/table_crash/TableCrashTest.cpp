@@ -1,8 +1,16 @@
 // Crash test of the table engine: a forked writer applies random writes and
 // acknowledges each one over a pipe; the parent kills it with SIGKILL at a
-// random moment, reopens the table, and checks that it is consistent and
-// holds exactly the last acknowledged state of every key (the one operation
-// in flight at the kill may or may not have happened).
+// random moment, opens the table or a copy of its files (then the next
+// writer replays the log), and checks that it is consistent and holds exactly the
+// last acknowledged state of every key (the one operation in flight at the
+// kill may or may not have happened).
+//
+// Each round draws the log's settings (a sync interval of 0, a few ms or a
+// second; a 1 MiB log limit, so checkpoints come every few thousand writes),
+// and the writer closes and reopens now and then, so kills land during log
+// appends, replays (a writer killed during the open that replays its
+// predecessor's log), checkpoints and closes; the test counts where they
+// landed.
 //
 // Environment: WZ_CRASH_ROUNDS, WZ_CRASH_SEED, WZ_CRASH_KEYS,
 // WZ_CRASH_MAX_DELAY_US change the run (scripts/table-crash-soak.sh).
@@ -14,6 +22,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <random>
@@ -46,6 +55,7 @@ class CrashRig {
   // One round: fork the writer, kill it after `delayUs`, collect its reports,
   // then check the table.
   void runRound(uint64_t delayUs) {
+    const bool logLeft = ::access((name_ + ".log").c_str(), F_OK) == 0;
     int fds[2];
     ASSERT_EQ(::pipe(fds), 0);
     const uint64_t writerSeed = rng_();
@@ -93,7 +103,19 @@ class CrashRig {
              << failure_->status << " ("
              << (failure_->status == 0xFFFF ? "wrong record read" : TCtreeTable::errToString(failure_->status)) << ")";
     ASSERT_TRUE(WIFSIGNALED(wstatus) && WTERMSIG(wstatus) == SIGKILL) << "writer ended on its own: " << wstatus;
+    if (pending_) ++killedDuring_[pendingOp_ == kOpOpen && logLeft ? kReplaying : pendingOp_];
     verify();
+  }
+
+  // Where the kills landed: the operation begun and not acknowledged.
+  std::string killSites() const {
+    static const char* const names[] = {"open",    "add",     "modify",  "modify by parent",
+                                        "delete",  "refused add", "suspend (checkpoint)",
+                                        "rebuild", "close and reopen", "open replaying a log"};
+    std::string out;
+    for (const auto& [op, count] : killedDuring_)
+      out += std::string(out.empty() ? "" : ", ") + names[op] + " " + std::to_string(count);
+    return out;
   }
 
   uint64_t acknowledged() const { return acks_; }
@@ -101,6 +123,8 @@ class CrashRig {
 
  private:
   void apply(const Message& m) {
+    pending_ = m.phase == kBegin;
+    pendingOp_ = m.op;
     if (m.phase == kFailed) {
       failure_ = m;
     } else if (m.phase == kBegin) {
@@ -123,9 +147,19 @@ class CrashRig {
     return table.getRecord(0, k.bytes, found);
   }
 
+  // Checks the files themselves (their log replayed and removed), or, every
+  // other round at random, a copy of them, so that the log the writer left
+  // stays for the next writer to replay (and perhaps be killed replaying).
   void verify() {
+    const std::string copy = rng_() % 2 ? name_ : name_ + "-check";
+    for (const char* ext : {".dat", ".idx", ".log"}) {
+      if (copy == name_) break;
+      std::error_code ignored;
+      std::filesystem::remove(copy + ext, ignored);
+      if (std::filesystem::exists(name_ + ext)) std::filesystem::copy_file(name_ + ext, copy + ext);
+    }
     GenericSchemaTable table;
-    ASSERT_EQ(table.openTable(name_), TBL_OK);
+    ASSERT_EQ(table.openTable(copy), TBL_OK);
     std::string report;
     ASSERT_EQ(table.checkConsistency(&report), TBL_OK) << report;
     SGenericRecord found;
@@ -192,15 +226,32 @@ class CrashRig {
   Message begin_{};
   int64_t before_ = kAbsent;
   std::optional<Message> failure_;
+  bool pending_ = false;  // the last message was a Begin
+  uint8_t pendingOp_ = 0;
+  static constexpr uint8_t kReplaying = kOpReopen + 1;
+  std::map<uint8_t, size_t> killedDuring_;
 };
+
+// Draws the log's settings for the next round into the settings file.
+void drawSettings(const std::string& file, std::mt19937_64& rng) {
+  static const int intervals[] = {0, 2, 20, 1000};
+  FILE* out = std::fopen(file.c_str(), "w");
+  ASSERT_NE(out, nullptr);
+  std::fprintf(out, "[~FileSystemAgent]\nnWzScanDBSyncIntervalMs = %d\nnWzScanDBLogLimitMiB = 1\n",
+               intervals[rng() % 4]);
+  std::fclose(out);
+}
 
 TEST(TableCrash, KilledWriterLosesNoAcknowledgedOperation) {
   const uint64_t seed = envOr("WZ_CRASH_SEED", 20261122), maxDelayUs = envOr("WZ_CRASH_MAX_DELAY_US", 60000);
   const int rounds = int(envOr("WZ_CRASH_ROUNDS", 40));
   TempDir dir;
+  const std::string settings = dir / "settings.ini";
+  ::setenv("WZ_SETTINGS_FILE", settings.c_str(), 1);
   CrashRig rig(dir / "WzScanDB", uint32_t(envOr("WZ_CRASH_KEYS", 3000)), seed);
   std::mt19937_64 rng(seed ^ 0x5eed);
   for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
+    drawSettings(settings, rng);
     // Mostly spread over the whole window, sometimes very early (during the
     // open and its possible index rebuild).
     const uint64_t delay = rng() % 8 == 0 ? rng() % 2000 : 500 + rng() % maxDelayUs;
@@ -208,8 +259,11 @@ TEST(TableCrash, KilledWriterLosesNoAcknowledgedOperation) {
                  std::to_string(delay) + "us");
     rig.runRound(delay);
   }
-  std::printf("crash rounds: %d, acknowledged operations: %llu, records at the end: %zu\n", rounds,
-              static_cast<unsigned long long>(rig.acknowledged()), rig.present());
+  std::printf("crash rounds: %d, acknowledged operations: %llu, records at the end: %zu\n"
+              "kills during: %s\n",
+              rounds, static_cast<unsigned long long>(rig.acknowledged()), rig.present(),
+              rig.killSites().c_str());
+  ::unsetenv("WZ_SETTINGS_FILE");
   EXPECT_GT(rig.acknowledged(), uint64_t(rounds)) << "the writer barely ran";
 }
 
