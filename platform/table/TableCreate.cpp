@@ -45,7 +45,7 @@ bool isEngineFile(const std::string& path, Kind kind) {
   if (kind == Kind::kTemporary) return true;  // the name alone is ours
   if (kind == Kind::kLog) {
     TableLog log;
-    return log.open(path, true, 0) == TBL_OK;
+    return log.open(path, true, 0) == TBL_OK || TableLog::unwritten(path);
   }
   uint8_t id[16];
   return readFileTableId(path, kIndexMagic, id) == TBL_OK;

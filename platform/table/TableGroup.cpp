@@ -15,6 +15,9 @@
 // Replay applies the log's records in order to whichever file does not hold
 // them yet (LSN above the file's), so it is idempotent; recovery (a full map,
 // a failed commit) aborts the group and replays the log into a new one.
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstring>
@@ -534,6 +537,13 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
 int TCtreeTable::Impl::replayLog() {
   int status = log.open(logPath(), false, schema.recordSize());
   if (status == TBL_FILE_MISSING) return TBL_OK;
+  if (status != TBL_OK && TableLog::unwritten(logPath())) {
+    // A process was killed while it made the log: no write reached it.
+    if (::unlink(logPath().c_str()) != 0) return statusFromMdb(errno);
+    self->debug(0, "Table %s: removed the log %s, which a process killed while making it left empty",
+                name.c_str(), logPath().c_str());
+    return TBL_OK;
+  }
   if (status != TBL_OK) {
     self->debug(-1, "Table %s: the log %s is damaged or not a log of this engine", name.c_str(),
                 logPath().c_str());

@@ -121,6 +121,21 @@ int TableLog::open(const std::string& path, bool readOnly, uint32_t maxPayload) 
   return status;
 }
 
+bool TableLog::unwritten(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat st;
+  bool empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+               static_cast<uint64_t>(st.st_size) <= kRecordsStart;
+  if (empty && st.st_size > 0) {
+    uint8_t bytes[kRecordsStart];
+    const ssize_t n = pread(fd, bytes, static_cast<size_t>(st.st_size), 0);
+    empty = n == st.st_size && std::all_of(bytes, bytes + n, [](uint8_t b) { return b == 0; });
+  }
+  ::close(fd);
+  return empty;
+}
+
 int TableLog::readHeaders() {
   bool found = false;
   for (int slot = 0; slot < 2; ++slot) {

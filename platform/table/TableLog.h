@@ -60,6 +60,10 @@ class TableLog {
   // absent, TBL_BAD_FORMAT when it is not a regular file or neither header
   // slot is valid.
   int open(const std::string& path, bool readOnly, uint32_t maxPayload);
+  // Whether the file at `path` is a log whose creation a kill cut short
+  // before its header reached the disk: a regular file of no more than the
+  // header area, all zeros. Such a log holds no write.
+  static bool unwritten(const std::string& path);
   bool isOpen() const { return fd_ >= 0; }
   const uint8_t* tableId() const { return tableId_; }
   uint64_t baseLsn() const { return baseLsn_; }
