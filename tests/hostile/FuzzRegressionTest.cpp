@@ -97,6 +97,8 @@ TEST(FuzzRegression, DamagedForeignAndStaleLogsReplayToTheLastGoodWriteOrAreRefu
       {"log-own-whole.bin", "replayed 40 of 40"},
       {"log-own-cut.bin", "replayed 11 of 40"},
       {"log-own-swapped.bin", "replayed 5 of 40"},
+      {"log-own-record-moved-to-end.bin", "replayed 31 of 40"},
+      {"log-own-dropped-zeroed-flipped.bin", "replayed 36 of 40"},
       {"log-own-empty.bin", "nothing replayed"},
       {"log-own-zeroed.bin", "nothing replayed"},
       {"log-own-zero-tail.bin", "replayed 20 of 40"},
@@ -105,6 +107,7 @@ TEST(FuzzRegression, DamagedForeignAndStaleLogsReplayToTheLastGoodWriteOrAreRefu
       {"log-older-than-files.bin", "nothing replayed"},
       {"log-starts-after-files.bin", "refused 110"},
       {"log-forked-history.bin", "refused 110"},
+      {"log-forked-history-cut.bin", "opened"},
   };
   for (const auto& [name, outcome] : cases) {
     SCOPED_TRACE(name);
