@@ -115,7 +115,7 @@ class FullVolume : public ::testing::Test {
     const ForkedChild::Result result = child.Wait();                                           \
     if (result.exited && result.status == kSkipped) GTEST_SKIP() << result.report;             \
     ASSERT_TRUE(result.exited && result.status == 0) << result.Describe();                     \
-    std::printf("[ figures  ] %s\n", result.report.c_str());                                   \
+    if (!result.report.empty()) std::printf("[ figures  ] %s\n", result.report.c_str());     \
   } while (0)
 
 // Creates a database in `directory` and adds files until the volume is full;
@@ -173,33 +173,48 @@ TEST_F(FullVolume, FilledTmpfsOpensReadsAndRefusesWritesWith112) {
   });
 }
 
-// Disabled: shows a defect of the engine on a volume that a session filled.
-// Once an add was refused with 112, close() may fail to commit ("committing
-// the table files failed (table file full ...)", the log is kept) and every
-// read-write open then answers 112 while a replay of that log needs more
-// room than the volume has; with 1 MiB freed (and with 2 MiB) it still does,
-// and with 3 MiB freed the open succeeds but the next add grows the index
-// file over all the free room and is refused with 112.
-TEST_F(FullVolume, DISABLED_AfterTheDatabaseFilledTheVolumeFreedRoomLetsItOpenAndWrite) {
+TEST_F(FullVolume, RoomFreedAfterTheDatabaseFilledTheVolumeLetsItOpenAndWrite) {
+  // 3 MiB of ballast, freed once the database has filled the rest: the
+  // first write after the open must grow both table files, and neither may
+  // take the room the other needs.
+  const std::string volume = dir / "volume";
+  RUN_ON_TMPFS(volume, [&](ForkedChild::Channel& channel) {
+    std::ofstream(volume + "/ballast", std::ios::binary) << std::string(3 << 20, 'b');
+    int files = 0;
+    const std::string directory = volume + "/db";
+    if (int failed = FillVolume(directory, files, channel.report)) return failed;
+    ::unlink((volume + "/ballast").c_str());
+    WzScanDB db(Generic(""));
+    CKoError error = db.initialize(directory);
+    for (int serial = 0; error.IsSuccess() && serial < files; ++serial)
+      if (!Stored(db, FilePath(serial))) return 4;
+    if (error.IsSuccess()) error = db.addFile(Generic(FilePath(files)));
+    channel.report = error.IsError() ? "with 3 MiB freed: " + error.AsString() : "";
+    db.close();
+    return error.IsError() ? 5 : 0;
+  });
+}
+
+// Disabled: shows a defect left to the engine's owner. When a session fills
+// the volume, close() cannot commit the group (LMDB needs pages for its
+// free list and the map cannot grow: "committing the table files failed
+// (table file full ...)"), so the log stays and the next read-write open must
+// replay the whole session, which needs room for the log and the files at
+// once: on a 6 MiB volume, 1 MiB freed is not enough and initialize answers
+// 112 until more is freed (reads meanwhile see only the last checkpoint).
+TEST_F(FullVolume, DISABLED_ACloseOnAVolumeTheSessionFilledCommitsWhatWasAcknowledged) {
   const std::string volume = dir / "volume";
   RUN_ON_TMPFS(volume, [&](ForkedChild::Channel& channel) {
     std::ofstream(volume + "/ballast", std::ios::binary) << std::string(1 << 20, 'b');
     int files = 0;
     const std::string directory = volume + "/db";
     if (int failed = FillVolume(directory, files, channel.report)) return failed;
-    ::unlink((volume + "/ballast").c_str());
-    WzScanDB db(Generic(""));
-    const CKoError error = db.initialize(directory);
-    if (error.IsError()) {
-      channel.report = "initialize with 1 MiB freed: " + error.AsString();
+    struct stat st;
+    if (::stat((directory + "/WzScanDB.log").c_str(), &st) == 0) {
+      channel.report = "close() left the log: its writes are not in the table files";
       return 4;
     }
-    for (int serial = 0; serial < files; ++serial)
-      if (!Stored(db, FilePath(serial))) return 5;
-    const CKoError added = db.addFile(Generic(FilePath(files)));
-    channel.report = added.IsError() ? "an add with 1 MiB freed: " + added.AsString() : "";
-    db.close();
-    return added.IsError() ? 6 : 0;
+    return 0;
   });
 }
 
