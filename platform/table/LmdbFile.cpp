@@ -141,14 +141,16 @@ int LmdbFile::grow(size_t minExtra) {
   uint64_t step = growStep_;
   if (step < mapSize_ / 8) step = mapSize_ / 8;
   if (step < minExtra) step = minExtra;
-  // Near a size limit, smaller steps still use what room is left.
+  // Near a size limit or a full disk, only what is needed: the room left
+  // stays for the other table file and the log.
+  const uint64_t least = minExtra > kMiB ? minExtra : kMiB;
   for (;;) {
     uint64_t newSize = roundUp(mapSize_ + step, kMiB);
     if (sizeCap_ && newSize > sizeCap_) newSize = sizeCap_;
     if (newSize <= mapSize_ || newSize < mapSize_ + minExtra) return TBL_FILE_FULL;
     int status = preallocate(newSize);
-    if (status == TBL_FILE_FULL && step > kMiB && step / 2 >= minExtra) {
-      step /= 2;
+    if (status == TBL_FILE_FULL && step > least) {
+      step = least;
       continue;
     }
     if (status != TBL_OK) return status;
