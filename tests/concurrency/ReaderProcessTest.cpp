@@ -15,6 +15,9 @@
 // When the writer has closed for good, each reader finds exactly its final
 // state along every index and in physical order, and the consistency check
 // passes. No process may crash or hang.
+//
+// A disabled test shows that a reader stopped inside a read blocks the
+// writer (a defect left to the engine's owner).
 
 #include <fcntl.h>
 #include <poll.h>
@@ -376,6 +379,54 @@ TEST(ReaderProcess, ReadersSeeOnlyWholeCommittedStatesAcrossCheckpointsGrowthsAn
       << "reopening reader: " << reopenRead.Describe();
   std::printf("[ figures  ] writer: %s\n[ figures  ] reader: %s\n[ figures  ] reopening reader: %s\n",
               written.report.c_str(), steadyRead.report.c_str(), reopenRead.report.c_str());
+}
+
+// Disabled: shows a defect left to the engine's owner. A reader stopped
+// (SIGSTOP, a shell's Ctrl-Z) while it reads keeps its snapshot pinned, and
+// the writer, before its next group after a commit, waits for that snapshot
+// to be let go, for as long as the reader stays stopped: here the writer's
+// ten-second alarm ends it within the first few rounds.
+TEST(ReaderProcess, DISABLED_AReaderStoppedInsideAReadDoesNotBlockTheWriter) {
+  g_ptrLogWriter->SetNone();
+  TempDir dir;
+  const std::string name = dir / "WzScanDB";
+  {
+    SmallStepTable table;
+    ASSERT_EQ(TBL_OK, table.createTable(name));
+    for (uint32_t slot = 0; slot < 2000; ++slot) {
+      SGenericRecord image = ImageOf(slot, 1);
+      ASSERT_EQ(TBL_OK, table.addRecord(&image));
+    }
+    ASSERT_EQ(TBL_OK, table.close());
+  }
+  ForkedChild reader([&](ForkedChild::Channel&) {
+    SmallStepTable table;
+    if (table.openTable(name, WZIndexing::kAccessReadOnly) != TBL_OK) return 1;
+    for (SGenericRecord record;;)
+      for (int status = table.firstRecord(1, &record); status == TBL_OK;
+           status = table.nextRecord(1, &record)) {
+      }
+  });
+  usleep(200000);
+  for (uint32_t round = 0; round < 10; ++round) {
+    reader.Kill(SIGSTOP);
+    // Three sessions of one write each: each write after a commit.
+    ForkedChild writer(
+        [&](ForkedChild::Channel&) {
+          for (uint32_t session = 0; session < 3; ++session) {
+            SmallStepTable table;
+            SGenericRecord image = ImageOf(10000 + round * 3 + session, 1);
+            if (table.openTable(name) != TBL_OK || table.addRecord(&image) != TBL_OK ||
+                table.close() != TBL_OK)
+              return 1;
+          }
+          return 0;
+        },
+        10);
+    const ForkedChild::Result result = writer.Wait();
+    reader.Kill(SIGCONT);
+    ASSERT_TRUE(result.exited && result.status == 0) << "round " << round << ": " << result.Describe();
+  }
 }
 
 }  // namespace
