@@ -33,6 +33,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <ostream>
 #include <random>
 #include <set>
 #include <string>
@@ -61,6 +62,11 @@ constexpr int kSharedPerFolder = 3;
 constexpr int kPrivatePerFolder = 3;  // per thread
 
 enum class Discipline { kCallerSerialisesWrites, kNoCallerLock };
+
+void PrintTo(Discipline discipline, std::ostream* out) {
+  *out << (discipline == Discipline::kCallerSerialisesWrites ? "caller serialises add and delete"
+                                                             : "no caller lock");
+}
 
 struct Key {
   std::string path, name;
