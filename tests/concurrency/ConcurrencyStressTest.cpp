@@ -1,7 +1,9 @@
 // Eight threads drive one generic database at once: adds, updates, deletes,
 // look-ups and folder listings on files of four folders. Some files are
 // private to one thread (exact expectations at every step), the others are
-// shared by all threads (their calls race on the same keys). Two disciplines:
+// shared by all threads (their calls race on the same keys); then, in
+// bursts, all threads add one shared file at the same moment and then all
+// delete it. Two disciplines:
 //
 //   - kCallerSerialisesWrites: the threads serialise addDBRecord and
 //     deleteDBRecord among themselves, as callers that share a database must;
@@ -57,8 +59,9 @@ constexpr int kOpsPerThread = 2500;
 constexpr int kOpsPerThread = 5000;
 #endif
 constexpr int kThreads = 8;
+constexpr int kBursts = 150;
 constexpr int kFolders = 4;
-constexpr int kSharedPerFolder = 3;
+constexpr int kSharedPerFolder = 1;
 constexpr int kPrivatePerFolder = 3;  // per thread
 
 enum class Discipline { kCallerSerialisesWrites, kNoCallerLock };
@@ -119,6 +122,23 @@ Outcome Classify(const CKoError& error) {
 }
 
 enum Op { kAdd, kUpdate, kDelete };
+
+// Lets all threads go at once, round after round.
+class Barrier {
+ public:
+  void Wait() {
+    const int generation = generation_.load();
+    if (arrived_.fetch_add(1) + 1 == kThreads) {
+      arrived_ = 0;
+      ++generation_;
+      return;
+    }
+    while (generation_.load() == generation) std::this_thread::yield();
+  }
+
+ private:
+  std::atomic<int> arrived_{0}, generation_{0};
+};
 
 bool Allowed(Discipline discipline, Op op, Outcome outcome) {
   if (outcome == Outcome::kOk) return true;
@@ -183,7 +203,10 @@ class ConcurrencyStress : public ::testing::TestWithParam<Discipline> {
     return it->second;
   }
 
+  bool Write(int thread, Discipline discipline, Op op, int key, uint32_t& serial,
+             std::map<int, uint32_t>& mine);
   void RunThread(int thread, Discipline discipline);
+  void RunBursts(int thread, Discipline discipline, Barrier& barrier);
 
   std::shared_ptr<CLogCapture> capture;
   TempDir dir;
@@ -196,6 +219,56 @@ class ConcurrencyStress : public ::testing::TestWithParam<Discipline> {
       std::vector<std::vector<std::pair<int, Event>>>(kThreads);
   std::atomic<int> outcomes[5]{};
 };
+
+// One add, update or delete of `key` by `thread`, timed on the shared
+// clock: its answer must be one the discipline allows (exactly the model's
+// for this thread's own keys), and a success is kept in the history.
+bool ConcurrencyStress::Write(int thread, Discipline discipline, Op op, int key, uint32_t& serial,
+                              std::map<int, uint32_t>& mine) {
+  const uint32_t value = ValueOf(key, (uint32_t(thread) << 16) + ++serial);
+  WzScanDBRecordBasePtr record = Record(keys[key].path, false, value);
+  const bool serialise = op != kUpdate && discipline == Discipline::kCallerSerialisesWrites;
+  std::unique_lock<std::mutex> lock(writeLock, std::defer_lock);
+  if (serialise) lock.lock();
+  const uint64_t start = ++clock;
+  CKoError error = op == kAdd      ? db->addDBRecord(record)
+                   : op == kUpdate ? db->updateDBRecord(record)
+                                   : db->deleteDBRecord(record);
+  const uint64_t end = ++clock;
+  if (serialise) lock.unlock();
+  const Outcome outcome = Classify(error);
+  if (keys[key].owner < 0) ++outcomes[int(outcome)];
+  if (keys[key].owner == thread) {  // alone on it: exactly as a model says
+    const bool present = mine.count(key) != 0;
+    const Outcome expected = op == kUpdate && !present ? Outcome::kNotPresent : Outcome::kOk;
+    EXPECT_EQ(int(expected), int(outcome)) << keys[key].path << ": " << error.AsString();
+    if (int(expected) != int(outcome)) return false;
+  } else if (!Allowed(discipline, op, outcome)) {
+    ADD_FAILURE() << keys[key].path << ": " << error.AsString();
+    return false;
+  }
+  if (outcome == Outcome::kOk) {
+    if (op == kDelete) mine.erase(key);
+    else if (keys[key].owner == thread) mine[key] = value;
+    events[thread].push_back({key, {start, end, op != kDelete, value}});
+  }
+  return true;
+}
+
+// All threads at once add one shared key, then all delete it: the races
+// of add against add and delete against delete, round after round.
+void ConcurrencyStress::RunBursts(int thread, Discipline discipline, Barrier& barrier) {
+  std::vector<int> shared;
+  for (size_t k = 0; k < keys.size(); ++k)
+    if (keys[k].owner < 0) shared.push_back(int(k));
+  std::map<int, uint32_t> mine;
+  uint32_t serial = 1u << 15;
+  for (int round = 0; round < kBursts; ++round)
+    for (Op op : {kAdd, kDelete}) {
+      barrier.Wait();
+      Write(thread, discipline, op, shared[size_t(round) % shared.size()], serial, mine);
+    }
+}
 
 void ConcurrencyStress::RunThread(int thread, Discipline discipline) {
   std::mt19937 rng(1000u + static_cast<unsigned>(thread));
@@ -216,32 +289,7 @@ void ConcurrencyStress::RunThread(int thread, Discipline discipline) {
     const unsigned roll = rng() % 100;
     if (roll < 70) {  // a write
       const Op op = roll < 35 ? kAdd : roll < 55 ? kUpdate : kDelete;
-      const int key = pickWritable();
-      const uint32_t value = ValueOf(key, (uint32_t(thread) << 16) + ++serial);
-      WzScanDBRecordBasePtr record = Record(keys[key].path, false, value);
-      const bool serialise = op != kUpdate && discipline == Discipline::kCallerSerialisesWrites;
-      std::unique_lock<std::mutex> lock(writeLock, std::defer_lock);
-      if (serialise) lock.lock();
-      const uint64_t start = ++clock;
-      CKoError error = op == kAdd      ? db->addDBRecord(record)
-                       : op == kUpdate ? db->updateDBRecord(record)
-                                       : db->deleteDBRecord(record);
-      const uint64_t end = ++clock;
-      if (serialise) lock.unlock();
-      const Outcome outcome = Classify(error);
-      if (keys[key].owner < 0) ++outcomes[int(outcome)];
-      if (keys[key].owner == thread) {  // alone on it: exactly as a model says
-        const bool present = mine.count(key) != 0;
-        const Outcome expected =
-            op == kUpdate && !present ? Outcome::kNotPresent : Outcome::kOk;
-        ASSERT_EQ(int(expected), int(outcome)) << keys[key].path << ": " << error.AsString();
-      } else {
-        ASSERT_TRUE(Allowed(discipline, op, outcome)) << keys[key].path << ": " << error.AsString();
-      }
-      if (outcome != Outcome::kOk) continue;
-      if (op == kDelete) mine.erase(key);
-      else if (keys[key].owner == thread) mine[key] = value;
-      events[thread].push_back({key, {start, end, op != kDelete, value}});
+      if (!Write(thread, discipline, op, pickWritable(), serial, mine)) return;
     } else if (roll < 88) {  // a look-up
       const int key = int(rng() % keys.size());
       WzScanDBRecordBasePtr out = Record(keys[key].path, false);
@@ -282,9 +330,15 @@ TEST_P(ConcurrencyStress, EightThreadsKeepWhatSucceeded) {
     threads.emplace_back([this, t, discipline] { RunThread(t, discipline); });
   for (std::thread& thread : threads) thread.join();
   ASSERT_FALSE(HasFailure());
-  std::printf("[ figures  ] %d threads x %d calls; writes of shared keys: %d ok, %d not present, "
-              "%d duplicate, %d no current record\n",
-              kThreads, kOpsPerThread, outcomes[0].load(), outcomes[1].load(),
+  Barrier barrier;
+  threads.clear();
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([this, t, discipline, &barrier] { RunBursts(t, discipline, barrier); });
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_FALSE(HasFailure());
+  std::printf("[ figures  ] %d threads x (%d calls + %d bursts); writes of shared keys: %d ok, "
+              "%d not present, %d duplicate, %d no current record\n",
+              kThreads, kOpsPerThread, kBursts, outcomes[0].load(), outcomes[1].load(),
               outcomes[2].load(), outcomes[3].load());
 
   // What each key must hold: one of its last successful writes.
