@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -152,14 +153,16 @@ int LmdbFile::grow(size_t minExtra) {
   uint64_t step = growStep_;
   if (step < mapSize_ / 8) step = mapSize_ / 8;
   if (step < minExtra) step = minExtra;
-  // Near a size limit, smaller steps still use what room is left.
+  // Near a size limit or a full disk, only what is needed: the room left
+  // stays for the other table file and the log.
+  const uint64_t least = minExtra > kMiB ? minExtra : kMiB;
   for (;;) {
     uint64_t newSize = roundUp(mapSize_ + step, kMiB);
     if (sizeCap_ && newSize > sizeCap_) newSize = sizeCap_;
     if (newSize <= mapSize_ || newSize < mapSize_ + minExtra) return TBL_FILE_FULL;
     int status = preallocate(newSize);
-    if (status == TBL_FILE_FULL && step > kMiB && step / 2 >= minExtra) {
-      step /= 2;
+    if (status == TBL_FILE_FULL && step > least) {
+      step = least;
       continue;
     }
     if (status != TBL_OK) return status;
@@ -239,6 +242,17 @@ uint64_t LmdbFile::mapPages() const {
   MDB_stat stat;
   if (!env_ || mdb_env_stat(env_, &stat) != 0 || stat.ms_psize == 0) return 0;
   return mapSize_ / stat.ms_psize;
+}
+
+uint64_t LmdbFile::headroomPages() const {
+  const uint64_t eighth = mapPages() / 8;
+  return eighth < 256 ? eighth : 256;
+}
+
+uint64_t LmdbFile::diskRoom() const {
+  struct statvfs vfs;
+  if (fd_ < 0 || fstatvfs(fd_, &vfs) != 0) return UINT64_MAX;
+  return static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
 }
 
 uint64_t LmdbFile::lastTxnId() const {

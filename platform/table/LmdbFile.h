@@ -83,6 +83,12 @@ class LmdbFile {
   uint64_t nextPage(MDB_txn* txn) const;
   // Pages the map holds.
   uint64_t mapPages() const;
+  // Pages to keep free past the last page in use: room for one more write
+  // and for the commit's lists of freed pages (less in a small map).
+  uint64_t headroomPages() const;
+  // Bytes the volume holding the file has free for it (UINT64_MAX when it
+  // cannot be told).
+  uint64_t diskRoom() const;
 
   MDB_env* env() const { return env_; }
   bool readOnly() const { return readOnly_; }

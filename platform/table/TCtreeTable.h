@@ -51,10 +51,11 @@
 // this process or others, and read the table as of the writer's last
 // checkpoint (below). A reader holds the snapshot it reads for the length
 // of one call; a writer about to reuse that snapshot's pages waits for it,
-// at most 30 seconds, then refuses the write with TBL_IN_USE (a reader
-// stopped inside a call, by a debugger say, must not hang the writer). A read-only open of files whose writer was killed reads
-// them as last committed, without the log (the next read-write open replays
-// it).
+// at most nWzScanDBReaderWaitMs (default 30000), then refuses the write
+// with TBL_IN_USE and an error line (a reader stopped inside a call, by a
+// debugger or a shell's Ctrl-Z, must not hang the writer for ever). A
+// read-only open of files whose writer was killed reads them as last
+// committed, without the log (the next read-write open replays it).
 //
 // Size. The map starts at the file's size (an open needs no disk space: a
 // table on a full disk opens, and reads) and grows on demand by

@@ -46,7 +46,8 @@ bool isEngineFile(const std::string& path, Kind kind) {
   if (kind == Kind::kLog) {
     TableLog log;
     const int status = log.open(path, true, 0);
-    return status == TBL_OK || status == TBL_FILE_MISSING;  // whole, or never started
+    // Whole, or never started (cut short before its header was written).
+    return status == TBL_OK || status == TBL_FILE_MISSING || TableLog::unwritten(path);
   }
   uint8_t id[16];
   return readFileTableId(path, kIndexMagic, id) == TBL_OK;

@@ -15,6 +15,9 @@
 // Replay applies the log's records in order to whichever file does not hold
 // them yet (LSN above the file's), so it is idempotent; recovery (a full map,
 // a failed commit) aborts the group and replays the log into a new one.
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstring>
@@ -38,6 +41,11 @@ MDB_val valOf(const void* data, size_t size) {
 
 // An apply that met a full map: recovery grows the file and replays.
 constexpr int kMapFull = MDB_MAP_FULL;
+
+// Free disk room, past both files' growth steps, below which files grow
+// only when short of room: what a log of a busy interval takes.
+constexpr size_t kPageSize = 4096;  // LMDB's page on x86-64
+constexpr uint64_t kSpareDiskRoom = uint64_t{16} << 20;
 
 bool groupNeedsRecovery(int rc) { return rc == MDB_MAP_FULL || rc == MDB_TXN_FULL; }
 
@@ -66,22 +74,28 @@ int TCtreeTable::Impl::beginGroup() {
 
 int TCtreeTable::Impl::openGroup() {
   if (!data.env() || !index.env()) return failure ? failure : TBL_IO_ERROR;
-  // Room for the group, when the disk has it (a file is opened at its own
-  // size): growing inside a group costs a replay. A full disk is reported by
-  // the write that needs the room.
-  const bool grew = data.ensureRoom(data.growStep()) == TBL_OK &&
-                    index.ensureRoom(index.growStep()) == TBL_OK;
-  growthBlocked = !grew;
+  // Room for the group (a file is opened at its own size): growing inside a
+  // group costs a replay, so a file grows by a whole step ahead of need when
+  // the disk has that to spare. Near a full disk a file grows only once it
+  // is short of room, by as little as will do, so that what is left goes to
+  // whichever of the two files and the log needs it first. A full disk is
+  // reported by the write that needs the room.
+  const bool ample = data.diskRoom() >= data.growStep() + index.growStep() + kSpareDiskRoom;
+  growthBlocked = false;
+  for (LmdbFile* file : {&data, &index}) {
+    const size_t want = ample ? file->growStep() : (2 * file->headroomPages() + 16) * kPageSize;
+    if (file->ensureRoom(want) != TBL_OK) growthBlocked = true;
+  }
   // The group may reuse pages that snapshots older than the last commit
   // hold; readers of other table objects must have left them.
-  const auto patience = std::chrono::seconds(30);
+  const auto patience = std::chrono::milliseconds(readerWaitMs);
   int status = waitForOlderReaders(data.fd(), data.lastTxnId(), patience);
   if (status == TBL_OK) status = waitForOlderReaders(index.fd(), index.lastTxnId(), patience);
   if (status == TBL_IN_USE)
     self->debug(-1,
-                "Table %s: a reader has held an old snapshot of the files for 30 seconds; the "
-                "write waits for it and is refused",
-                name.c_str());
+                "Table %s: a reader has held an old snapshot of the files for %d ms; the "
+                "write waited for it and is refused",
+                name.c_str(), readerWaitMs);
   if (status != TBL_OK) return status;
   int rc = mdb_txn_begin(data.env(), nullptr, 0, &dataTxn);
   if (rc != MDB_SUCCESS) {
@@ -110,7 +124,7 @@ bool TCtreeTable::Impl::roomLow(const LmdbFile& file, MDB_txn* txn, uint64_t gro
   // the lists of the pages it freed.
   const uint64_t next = file.nextPage(txn);
   if (next == 0 || groupStart == 0 || next <= groupStart) return false;
-  const uint64_t headroom = 256 + (next - groupStart) / 64;
+  const uint64_t headroom = file.headroomPages() + (next - groupStart) / 64;
   return next + headroom > file.mapPages();
 }
 
@@ -604,6 +618,13 @@ int TCtreeTable::Impl::recover(LmdbFile* grow) {
 int TCtreeTable::Impl::replayLog() {
   int status = log.open(logPath(), false, schema.recordSize());
   if (status == TBL_FILE_MISSING) return TBL_OK;
+  if (status != TBL_OK && TableLog::unwritten(logPath())) {
+    // A process was killed while it made the log: no write reached it.
+    if (::unlink(logPath().c_str()) != 0) return statusFromMdb(errno);
+    self->debug(0, "Table %s: removed the log %s, which a process killed while making it left empty",
+                name.c_str(), logPath().c_str());
+    return TBL_OK;
+  }
   if (status != TBL_OK) {
     self->debug(-1, "Table %s: the log %s is damaged or not a log of this engine", name.c_str(),
                 logPath().c_str());

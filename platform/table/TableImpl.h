@@ -88,6 +88,7 @@ struct TCtreeTable::Impl {
   wztable::LogFlusher flusher;
   int syncIntervalMs = 1000;           // 0: every write is flushed before it returns
   uint64_t logLimit = uint64_t{64} << 20;  // a checkpoint when the log holds more
+  int readerWaitMs = 30000;            // how long a write waits for old snapshots
   uint64_t dataLsn = 0, indexLsn = 0;  // what the two files hold, committed
   int failure = 0;                     // sticky status of a failed flush or checkpoint
   wztable::LmdbFile* fullFile = nullptr;  // the file whose map ran out during an apply

@@ -58,6 +58,9 @@ void TCtreeTable::Impl::readSettings() {
   logLimit = uint64_t{64} << 20;
   if (WZPlatformInfo::getRegInt(kSettingsSection, kLogLimitSetting, &value) && value > 0)
     logLimit = uint64_t(value) << 20;
+  readerWaitMs = kDefaultReaderWaitMs;
+  if (WZPlatformInfo::getRegInt(kSettingsSection, kReaderWaitSetting, &value) && value >= 0)
+    readerWaitMs = value;
 }
 
 int TCtreeTable::Impl::setIndexState(bool suspendedFlag) {

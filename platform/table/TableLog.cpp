@@ -131,6 +131,21 @@ int TableLog::open(const std::string& path, bool readOnly, uint32_t maxPayload) 
   return status;
 }
 
+bool TableLog::unwritten(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat st;
+  bool empty = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+               static_cast<uint64_t>(st.st_size) <= kRecordsStart;
+  if (empty && st.st_size > 0) {
+    uint8_t bytes[kRecordsStart];
+    const ssize_t n = pread(fd, bytes, static_cast<size_t>(st.st_size), 0);
+    empty = n == st.st_size && std::all_of(bytes, bytes + n, [](uint8_t b) { return b == 0; });
+  }
+  ::close(fd);
+  return empty;
+}
+
 int TableLog::readHeaders() {
   bool found = false;
   for (int slot = 0; slot < 2; ++slot) {
@@ -187,16 +202,27 @@ int TableLog::restart(uint64_t baseLsn) {
   return TBL_OK;
 }
 
+int TableLog::allocate(uint64_t size) {
+  int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));
+  if (rc == EOPNOTSUPP || rc == EINVAL) rc = ftruncate(fd_, static_cast<off_t>(size)) == 0 ? 0 : errno;
+  return rc;
+}
+
 int TableLog::reserve(size_t length) {
   if (fd_ < 0) return TBL_NOT_OPEN;
   if (readOnly_) return TBL_READ_ONLY;
   const uint64_t need = end_ + kRecordHeader + length;
   if (need <= mapped_) return TBL_OK;
-  // Room doubles (from 1 MiB), so a session maps its log a few times only.
+  // Room doubles (from 1 MiB), so a session maps its log a few times only;
+  // on a volume without that much room, the log takes what this record
+  // needs (in 64 KiB steps) rather than refuse a write that fits.
   uint64_t size = mapped_ ? mapped_ : (uint64_t{1} << 20);
   while (size < need) size *= 2;
-  int rc = posix_fallocate(fd_, 0, static_cast<off_t>(size));
-  if (rc == EOPNOTSUPP || rc == EINVAL) rc = ftruncate(fd_, static_cast<off_t>(size)) == 0 ? 0 : errno;
+  int rc = allocate(size);
+  if (rc == ENOSPC || rc == EFBIG) {
+    size = (need + 0xFFFF) & ~uint64_t{0xFFFF};
+    rc = allocate(size);
+  }
   if (rc != 0) return statusFromMdb(rc);
   void* map = map_ ? mremap(map_, mapped_, size, MREMAP_MAYMOVE)
                    : mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);

@@ -66,6 +66,10 @@ class TableLog {
   // TBL_BAD_FORMAT when it is not a regular file or neither header slot of
   // a longer file is valid.
   int open(const std::string& path, bool readOnly, uint32_t maxPayload);
+  // Whether the file at `path` is a log whose creation a kill cut short
+  // before its header reached the disk: a regular file of no more than the
+  // header area, all zeros. Such a log holds no write.
+  static bool unwritten(const std::string& path);
   bool isOpen() const { return fd_ >= 0; }
   const uint8_t* tableId() const { return tableId_; }
   uint64_t baseLsn() const { return baseLsn_; }
@@ -102,6 +106,8 @@ class TableLog {
  private:
   int writeHeader(uint64_t generation, uint64_t baseLsn, uint64_t sequence);
   int readHeaders();
+  // Gives the file `size` bytes of allocated room: 0 or an errno.
+  int allocate(uint64_t size);
   void unmap();
 
   std::string path_;

@@ -1,5 +1,6 @@
 // Index maintenance: suspend, bulk rebuild from the data file, consistency
 // check.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include "ExternalSorter.h"
 #include "KeyCodec.h"
 #include "TableFormat.h"
+#include "TableHeaders.h"
 #include "TableImpl.h"
 
 using namespace wztable;
@@ -180,16 +182,30 @@ int TCtreeTable::Impl::consistency(std::string* report) {
   if (status != TBL_OK) return status;
   ReadScope scope{*this};
 
+  // A read-only table reads what its writer committed since the open: the
+  // numbers handed out are those of the snapshot it reads.
+  uint64_t limit = nextRecno;
+  MDB_val k, v;
+  if (readOnly) {
+    bool present = false;
+    status = readU64(dataTxn, dataMain, kHighWaterKey, &limit, &present);
+    if (status != TBL_OK) return status;
+    int rc = mdb_cursor_get(recordCursor, &k, &v, MDB_LAST);
+    uint64_t last = 0;
+    if (rc == MDB_SUCCESS && k.mv_size == sizeof last) std::memcpy(&last, k.mv_data, sizeof last);
+    else if (rc != MDB_NOTFOUND) return statusFromMdb(rc);
+    limit = std::max(limit, last) + 1;
+  }
+
   // Every record is in every index under the key its image gives.
   uint64_t recordCount = 0;
-  MDB_val k, v;
   int rc = mdb_cursor_get(recordCursor, &k, &v, MDB_FIRST);
   while (rc == MDB_SUCCESS) {
     uint64_t recno;
     std::memcpy(&recno, k.mv_data, sizeof recno);
-    if (recno == 0 || recno >= nextRecno)
+    if (recno == 0 || recno >= limit)
       return fail("record number %" PRIu64 " is outside the numbers handed out (next %" PRIu64 ")",
-                  recno, nextRecno);
+                  recno, limit);
     ++recordCount;
     expand(v, image.data());
     for (size_t i = 0; i < indexDbi.size(); ++i) {

@@ -16,5 +16,10 @@ constexpr const char* kCheckPagesSetting = "nWzScanDBCheckPagesOnOpen";
 // MiB of log after which the table files are brought up to date (a
 // checkpoint). Bounds the work of a replay. Default 64.
 constexpr const char* kLogLimitSetting = "nWzScanDBLogLimitMiB";
+// Milliseconds a write waits for read-only openers (other processes or
+// table objects) to leave the snapshot whose pages its group would reuse;
+// after that the write is refused with TBL_IN_USE. Default 30000.
+constexpr const char* kReaderWaitSetting = "nWzScanDBReaderWaitMs";
+constexpr int kDefaultReaderWaitMs = 30000;
 
 }  // namespace wztable

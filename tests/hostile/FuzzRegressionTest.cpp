@@ -6,6 +6,8 @@
 // of the data file (little-endian), then the data file and the index file.
 // Each is a table whose meta pages are sound and a later page damaged; the
 // name says where LMDB crashed on it before open checked every page.
+// log-*.bin: inputs of fuzz_log_replay (fuzz/LogReplayCase.h: a table beside
+// a damaged, foreign or out-of-date log), each with the outcome it must have.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 #include <cstring>
 
 #include "HostileSupport.h"
+#include "fuzz/LogReplayCase.h"
 #include "support/GenericSchemaTable.h"
 
 namespace hostile {
@@ -86,6 +89,35 @@ TEST(FuzzRegression, TablesWithDamagedPagesAreRefusedAtOpen) {
     EXPECT_EQ(ReadBytes(table + ".dat"), files.substr(0, datLength));
     EXPECT_EQ(ReadBytes(table + ".idx"), files.substr(datLength));
   }
+}
+
+TEST(FuzzRegression, DamagedForeignAndStaleLogsReplayToTheLastGoodWriteOrAreRefused) {
+  std::shared_ptr<CLogCapture> capture = InstallQuietCapture(-1);
+  const std::pair<const char*, const char*> cases[] = {
+      {"log-own-whole.bin", "replayed 40 of 40"},
+      {"log-own-cut.bin", "replayed 11 of 40"},
+      {"log-own-swapped.bin", "replayed 5 of 40"},
+      {"log-own-record-moved-to-end.bin", "replayed 31 of 40"},
+      {"log-own-dropped-zeroed-flipped.bin", "replayed 36 of 40"},
+      {"log-own-empty.bin", "nothing replayed"},
+      {"log-own-zeroed.bin", "nothing replayed"},
+      {"log-own-zero-tail.bin", "replayed 20 of 40"},
+      {"log-own-header-zeroed.bin", "refused 110"},
+      {"log-other-table.bin", "refused 118"},
+      {"log-older-than-files.bin", "nothing replayed"},
+      {"log-starts-after-files.bin", "refused 110"},
+      {"log-forked-history.bin", "refused 110"},
+      {"log-forked-history-cut.bin", "opened"},
+  };
+  for (const auto& [name, outcome] : cases) {
+    SCOPED_TRACE(name);
+    const std::string input = Input(name);
+    const logreplay::Verdict verdict =
+        logreplay::RunCase(reinterpret_cast<const uint8_t*>(input.data()), input.size());
+    EXPECT_EQ("", verdict.failure);
+    EXPECT_EQ(outcome, verdict.outcome);
+  }
+  capture->Remove();
 }
 
 }  // namespace

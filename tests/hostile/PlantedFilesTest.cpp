@@ -1,8 +1,9 @@
 // Files planted by someone else at the names a database creates or copies
 // through (WzScanDB.dat, WzScanDB.idx and the ".tmp" names of copy): nothing
 // follows a link or reuses the planted file, the victim stays unchanged and
-// the caller gets an error. Created files are owner-only unless the settings
-// say otherwise.
+// the caller gets an error. A FIFO at a table's name never makes an open
+// wait for a writer. Created files are owner-only unless the settings say
+// otherwise.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 
 #include "HostileSupport.h"
+#include "concurrency/ForkedChild.h"
 
 namespace hostile {
 namespace {
@@ -156,6 +158,52 @@ TEST_F(PlantedFiles, CopyReplacesLinksAtFinalNamesWithoutFollowingThem) {
     ASSERT_TRUE(db.initialize(target).IsSuccess());
     EXPECT_EQ(db.numberOfRecords(), 22);
     db.close();
+  }
+}
+
+TEST_F(PlantedFiles, FifosAtTheTableNamesNeverHangAnOpen) {
+  // Each open runs in a child that an alarm ends: a hang fails the case.
+  struct Case {
+    const char* fifo;
+    bool withDatabase;  // a real database beside the FIFO
+    int readWrite;      // status of initialize (0: opens)
+    const char* message;
+    int readOnly;       // status of a read-only open
+  };
+  const Case cases[] = {
+      {"WzScanDB.dat", false, TBL_BAD_FORMAT, "Failed to Open an Existing WzScanDB : ", TBL_BAD_FORMAT},
+      {"WzScanDB.idx", true, TBL_BAD_FORMAT, "Failed to Open an Existing WzScanDB : ", TBL_BAD_FORMAT},
+      {"WzScanDB.idx", false, TBL_FILE_EXISTS, "Failed to Create WzScanDB : ", TBL_FILE_MISSING},
+      {"WzScanDB.log", true, TBL_BAD_FORMAT, "Failed to Open an Existing WzScanDB : ", TBL_OK},
+  };
+  int round = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.fifo) + (c.withDatabase ? " beside a database" : " alone"));
+    const std::string db = dir / ("fifo" + std::to_string(round++));
+    ASSERT_EQ(mkdir(db.c_str(), 0700), 0);
+    if (c.withDatabase) MakeGenericDb(db, 3);
+    if (std::string(c.fifo) == "WzScanDB.idx") ::unlink((db + "/WzScanDB.idx").c_str());
+    ASSERT_EQ(mkfifo((db + "/" + c.fifo).c_str(), 0600), 0);
+    ForkedChild child(
+        [&](ForkedChild::Channel& channel) {
+          WzScanDB readWrite(Generic(""));
+          CKoError error = readWrite.initialize(db);
+          channel.report = error.IsError() ? error.GetOriginMessage() : "";
+          readWrite.close();
+          WzScanDB readOnly(Generic(""));
+          readOnly.initialize((db + "/WzScanDB").c_str());  // the schema; answers -1 always
+          const int status = readOnly.open(WZIndexing::kAccessReadOnly);
+          if (status == TBL_OK && readOnly.numberOfRecords() != 5) return 101;
+          return status;
+        },
+        20);
+    const ForkedChild::Result result = child.Wait();
+    ASSERT_TRUE(result.exited) << result.Describe();
+    EXPECT_EQ(result.status, c.readOnly);
+    EXPECT_EQ(result.report,
+              c.readWrite ? c.message + std::string(TCtreeTable::errToString(c.readWrite)) : "");
+    struct stat st;
+    EXPECT_TRUE(lstat((db + "/" + c.fifo).c_str(), &st) == 0 && S_ISFIFO(st.st_mode));
   }
 }
 
