@@ -275,6 +275,13 @@ const RecordIdentity& WzScanDB::recordIdentity() {
 // children key, checkParent) depends on the identifier alone. The start
 // record itself is expanded as stored.
 //
+// Each record has one parent link, so the only record a walk can meet twice
+// is its start record, reached again through a cycle of parent links (or its
+// own parent link). Met again as a folder it would be expanded again, and the
+// walk would go round for ever: the walk reports the cycle as an error and
+// ends. Met again as a file it is returned like any other child, as a walk
+// that ends has always done (a Lustre root of FID 0 is its own parent).
+//
 // A marking walk writes a record back only when its visited bit changes: a
 // record that already carries the wanted bit would be rewritten byte for
 // byte, so the write is skipped and a walk over an unmarked tree stays a
@@ -383,6 +390,14 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
     // The children list is this call's own: each child moves on to `records`.
     const int count = static_cast<int>(children.size());
     for (int i = 0; i < count; ++i) {
+      if (children[i]->isDir() && identity.matches(*children[i], startId)) {
+        folders.clear();
+        if (paths) prefixes.clear();
+        return FXErrorUtil::ErrorErrNo(
+            location(__LINE__), 40,
+            "The record %s is its own descendant: its parent links form a cycle",
+            children[i]->toString().c_str());
+      }
       records.push_back(std::move(children[i]));
       const WzScanDBRecordBasePtr& child = records.back();
       if (paths) pathSlots.append(prefix, child->getName());

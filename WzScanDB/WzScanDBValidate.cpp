@@ -5,6 +5,7 @@
 // table for the first record without the mark, and unmarks the reachable
 // records again. printStats counts the root's descendants and leaves them
 // marked.
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -60,7 +61,20 @@ CKoError WzScanDB::validateTree(bool& consistent) {
 
   // Marking pass.
   std::vector<WzScanDBRecordBasePtr> buffer;
+  // A cycle of parent links through the root stops the marking walk; an
+  // unmarking walk stops at the same record, so it takes back exactly the
+  // marks written, and the next validation still sees every record's own bit.
+  auto takeBackMarksAfterCycle = [&](const CKoError& failure) {
+    if (failure.GetKind() != EKoErrorKind::kErrNo || failure.GetCode() != ELOOP) return;
+    std::vector<WzScanDBRecordBasePtr> batch;
+    for (CKoError e = getSubTree(root, batch, false, kValidateBatchSize, false);
+         e.IsSuccess() && !batch.empty();
+         e = getSubTree(root, batch, false, kValidateBatchSize, true)) {
+    }
+  };
+
   CKoError err = getSubTree(root, buffer, true, kValidateBatchSize, false);
+  takeBackMarksAfterCycle(err);
   if (err.IsError())
     return err.Push(At(kValidateTreeSig, site::kMarkFirstFailed),
                     "getSubtree(%s) with validate = true Failed", root->toString().c_str());
@@ -68,6 +82,7 @@ CKoError WzScanDB::validateTree(bool& consistent) {
          static_cast<unsigned long>(buffer.size()));
   while (!buffer.empty()) {
     err = getSubTree(root, buffer, true, kValidateBatchSize, true);
+    takeBackMarksAfterCycle(err);
     if (err.IsError())
       return err.Push(At(kValidateTreeSig, site::kMarkNextFailed),
                       "getSubtree(%s) with validation = true on subsequent call Failed",
