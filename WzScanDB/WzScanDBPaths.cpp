@@ -16,6 +16,9 @@ namespace {
 using WzScanDBInternal::kSourcePath;
 constexpr const char* kGetPathFromRecordSignature =
     "CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr, std::string&)";
+constexpr const char* kGetUpdatedRecordsSignature =
+    "CKoError WzScanDB::getUpdatedRecords(std::vector<boost::shared_ptr<WzScanDBRecordBase> >*, "
+    "long long unsigned int)";
 
 namespace site {
 constexpr int kPathParentLookupFailed = 1631;
@@ -44,6 +47,11 @@ constexpr int kWholeTable = -1;
 // and a path without a cycle is built exactly as without the check.
 CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr record, std::string& path) {
   auto_lock<FXCriticalSection> lock(dbLock);
+  if (!record) {
+    return FXErrorUtil::ErrorErrNo(
+        FXCodeLocation(kSourcePath, kGetPathFromRecordSignature, __LINE__), 22,
+        "The record to build the path of is NULL");
+  }
 
   WzScanDBRecordBasePtr current = record->Clone();
   path = record->getName();
@@ -101,6 +109,11 @@ CKoError WzScanDB::getPathFromRecord(WzScanDBRecordBasePtr record, std::string& 
 CKoError WzScanDB::getUpdatedRecords(std::vector<WzScanDBRecordBasePtr>* records,
                                      unsigned long long refTime) {
   auto_lock<FXCriticalSection> lock(dbLock);
+  if (!records) {
+    return FXErrorUtil::ErrorErrNo(
+        FXCodeLocation(kSourcePath, kGetUpdatedRecordsSignature, __LINE__), 22,
+        "The list to append the updated records to is NULL");
+  }
   if (!recordPrototype) return CKoError();  // no record type: no table to read
 
   WzScanDBRecordBasePtr probe = recordPrototype->Clone();

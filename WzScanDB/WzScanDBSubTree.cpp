@@ -319,6 +319,10 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
 
   std::string id;
   if (!(walk.batched && continueRetrieval)) {
+    if (!start) {
+      return FXErrorUtil::ErrorErrNo(location(__LINE__), 22,
+                                     "The start record of the sub-tree is NULL");
+    }
     WzScanDBRecordBasePtr rootCopy = start->Clone();
     bool found = false;
     CKoError err = checkDBRecord(start, rootCopy, found);

@@ -58,6 +58,9 @@ CKoError WzScanDB::validateTree(bool& consistent) {
          "marking all nodes as visited.");
   consistent = true;
   WzScanDBRecordBasePtr root = getRoot();
+  // No database of a tree type was made in this process: the walk refuses
+  // the missing root, and the messages name it so.
+  auto rootText = [&root] { return root ? root->toString() : std::string("NULL"); };
 
   // Marking pass.
   std::vector<WzScanDBRecordBasePtr> buffer;
@@ -77,7 +80,7 @@ CKoError WzScanDB::validateTree(bool& consistent) {
   takeBackMarksAfterCycle(err);
   if (err.IsError())
     return err.Push(At(kValidateTreeSig, site::kMarkFirstFailed),
-                    "getSubtree(%s) with validate = true Failed", root->toString().c_str());
+                    "getSubtree(%s) with validate = true Failed", rootText().c_str());
   WZ_LOG(5, kValidateTreeSig, site::kMarkFirstCount, "%lu Records marked as Visited",
          static_cast<unsigned long>(buffer.size()));
   while (!buffer.empty()) {
@@ -86,7 +89,7 @@ CKoError WzScanDB::validateTree(bool& consistent) {
     if (err.IsError())
       return err.Push(At(kValidateTreeSig, site::kMarkNextFailed),
                       "getSubtree(%s) with validation = true on subsequent call Failed",
-                      root->toString().c_str());
+                      rootText().c_str());
     WZ_LOG(5, kValidateTreeSig, site::kMarkNextCount, "%lu Records marked as Visited",
            static_cast<unsigned long>(buffer.size()));
   }
@@ -114,7 +117,7 @@ CKoError WzScanDB::validateTree(bool& consistent) {
   err = getSubTree(root, buffer, false, kValidateBatchSize, false);
   if (err.IsError())
     return err.Push(At(kValidateTreeSig, site::kUnmarkFirstFailed),
-                    "getSubtree(%s) with validate = False Failed", root->toString().c_str());
+                    "getSubtree(%s) with validate = False Failed", rootText().c_str());
   WZ_LOG(5, kValidateTreeSig, site::kUnmarkFirstCount, "%lu Records marked as Not Visited",
          static_cast<unsigned long>(buffer.size()));
   while (!buffer.empty()) {
@@ -122,7 +125,7 @@ CKoError WzScanDB::validateTree(bool& consistent) {
     if (err.IsError())
       return err.Push(At(kValidateTreeSig, site::kUnmarkNextFailed),
                       "getSubtree(%s) with validate = False on subsequent call Failed",
-                      root->toString().c_str());
+                      rootText().c_str());
     WZ_LOG(5, kValidateTreeSig, site::kUnmarkNextCount, "%lu Records marked as Not Visited",
            static_cast<unsigned long>(buffer.size()));
   }
