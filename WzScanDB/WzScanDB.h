@@ -15,6 +15,16 @@
 // object: two of them must not interleave on one object. initialize and close
 // must not race other calls. sptrDbRoot is process-wide and unguarded.
 //
+// Memory: the whole-tree operations (the sub-tree walks, the item walk,
+// validateTree, removeFolder, renameFolder) hold one batch of records (10000,
+// or more when one folder has more children) and a queue of the folders still
+// to be expanded, kept as identifiers and path prefixes. Past a bound (the
+// setting nWzScanDBWalkQueueKB of section ~FileSystemAgent, default 16 MiB)
+// the queue goes on in an anonymous temporary file in the database directory,
+// or in $TMPDIR when that directory refuses; the file goes with the walk.
+// A walk that comes back to its start through a cycle of parent links ends
+// with errno 40 instead of going round for ever.
+//
 // Note: initialize("dir") with a string literal picks the engine-level
 // initialize(const char*); pass a std::string to create or open a database.
 #pragma once
