@@ -19,7 +19,7 @@
 // validateTree, removeFolder, renameFolder) hold one batch of records (10000,
 // or more when one folder has more children) and a queue of the folders still
 // to be expanded, kept as identifiers and path prefixes. Past a bound (the
-// setting nWzScanDBWalkQueueKB of section ~FileSystemAgent, default 16 MiB)
+// setting nWzScanDBWalkQueueKB of section ~FileSystemAgent, default 1 MiB)
 // the queue goes on in an anonymous temporary file in the database directory,
 // or in $TMPDIR when that directory refuses; the file goes with the walk.
 // A walk that comes back to its start through a cycle of parent links ends
