@@ -1,10 +1,13 @@
 // The exported record factories: create, clone, convert and delete records
 // on behalf of components that never construct records themselves. Every
 // record leaves through WzMakeHandle, so a handle may still be dropped after
-// Delete...Object destroyed its record.
+// Delete...Object destroyed its record. A source handle that is empty or
+// whose record was destroyed gives an empty clone, an empty conversion and a
+// reference time of 0, instead of being used.
 #include <cstring>
 #include <new>
 
+#include "WzScanDB/LiveHandle.h"
 #include "WzScanDB/WzHandle.h"
 #include "WzScanDB/WzScanDBExports.h"
 
@@ -26,17 +29,22 @@ void CreateGlusterRecordObjectPath(WzScanDBRecordPtr& handle, std::string& path)
 }
 
 void CloneGlusterRecordObject(WzScanDBRecordBasePtr& clone, WzScanDBRecordPtr source) {
+  if (!WzIsLiveHandle(source)) {
+    clone.reset();
+    return;
+  }
   clone = source->Clone();
 }
 
 void DeleteGlusterRecordObject(WzScanDBRecordPtr handle) { WzDestroyHandleObject(handle); }
 
 unsigned long long GetGlusterRecordRefTime(WzScanDBRecordPtr handle) {
-  return handle->getRefTime();
+  return WzIsLiveHandle(handle) ? handle->getRefTime() : 0;
 }
 
 void ConvertBaseToGluster(WzScanDBRecordPtr& handle, WzScanDBRecordBasePtr base) {
-  WzScanDBRecordPtr converted = boost::dynamic_pointer_cast<WzScanDBRecord>(base);
+  WzScanDBRecordPtr converted;
+  if (WzIsLiveHandle(base)) converted = boost::dynamic_pointer_cast<WzScanDBRecord>(base);
   handle.swap(converted);
 }
 
@@ -86,11 +94,12 @@ void CreateLustreRecordObjectPath(WzScanDBLustreRecordPtr& handle, std::string& 
 void DeleteLustreRecordObject(WzScanDBLustreRecordPtr handle) { WzDestroyHandleObject(handle); }
 
 unsigned long long GetLustreRecordRefTime(WzScanDBLustreRecordPtr handle) {
-  return handle->getRefTime();
+  return WzIsLiveHandle(handle) ? handle->getRefTime() : 0;
 }
 
 void ConvertBaseToLustre(WzScanDBLustreRecordPtr& handle, WzScanDBRecordBasePtr base) {
-  WzScanDBLustreRecordPtr converted = boost::dynamic_pointer_cast<WzScanDBLustreRecord>(base);
+  WzScanDBLustreRecordPtr converted;
+  if (WzIsLiveHandle(base)) converted = boost::dynamic_pointer_cast<WzScanDBLustreRecord>(base);
   handle.swap(converted);
 }
 
@@ -106,7 +115,8 @@ void CreateBackupTimeRecord(CBackupTimeRecordPtr& handle, unsigned long long ino
 }
 
 void ConvertBaseToBackupTimeRecord(CBackupTimeRecordPtr& handle, WzScanDBRecordBasePtr base) {
-  CBackupTimeRecordPtr converted = boost::dynamic_pointer_cast<CBackupTimeRecord>(base);
+  CBackupTimeRecordPtr converted;
+  if (WzIsLiveHandle(base)) converted = boost::dynamic_pointer_cast<CBackupTimeRecord>(base);
   handle.swap(converted);
 }
 

@@ -3,8 +3,13 @@
 // table engine overrides.
 #include "WzScanDB/WzScanDB.h"
 
+#include <cstring>
 #include <memory>
+#include <utility>
 
+#include "WzScanDB/RecordIdentity.h"
+#include "WzScanDB/SpillingFifo.h"
+#include "WzScanDB/WalkQueueSetting.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXFile.h"
 #include "runtime/LogWriter.h"
@@ -12,7 +17,9 @@
 
 namespace {
 
+using WzScanDBInternal::kDefaultWalkQueueBytes;
 using WzScanDBInternal::kSourcePath;
+using WzScanDBInternal::SpillingFifo;
 const char kSigConstructor[] = "WzScanDB::WzScanDB(WzScanDBRecordBasePtr)";
 const char kSigInitialize[] = "CKoError WzScanDB::initialize(const string&)";
 const char kSigClose[] = "CKoError WzScanDB::close()";
@@ -23,11 +30,19 @@ const char kTableName[] = "WzScanDB";
 
 WzScanDBRecordBasePtr WzScanDB::sptrDbRoot;
 
-WzScanDB::WzScanDB()
-    : initialized(false), recordInitialized(false), refTime(0), itemCursor(0) {}
+WzScanDB::WzScanDB() : WzScanDB(WzScanDBRecordBasePtr(), false) {}
 
-WzScanDB::WzScanDB(WzScanDBRecordBasePtr prototype)
-    : initialized(false), recordInitialized(true), refTime(0), itemCursor(0) {
+WzScanDB::WzScanDB(WzScanDBRecordBasePtr prototype) : WzScanDB(std::move(prototype), true) {}
+
+WzScanDB::WzScanDB(WzScanDBRecordBasePtr prototype, bool described)
+    : initialized(false),
+      recordInitialized(described),
+      refTime(0),
+      pendingRecords(new SpillingFifo(kDefaultWalkQueueBytes / 2, std::string())),
+      pendingPaths(new SpillingFifo(kDefaultWalkQueueBytes / 2, std::string())),
+      itemCursor(0),
+      walkQueueMemory(kDefaultWalkQueueBytes) {
+  if (!described) return;
   if (!prototype) {
     WZ_LOG(-1, kSigConstructor, __LINE__, "The Record Structure is NULL");
     recordInitialized = false;
@@ -157,6 +172,7 @@ CKoError WzScanDB::initialize(const std::string& directory) {
   }
 
   initialized = true;
+  configureWalks(directory);
 
   // A set replaced here belongs to a thread nobody will join any more.
   if (performanceCounter) performanceCounter->MarkOwnerGone();
@@ -202,10 +218,17 @@ int WzScanDB::initialize(const char* name) {
   // The engine-level form reports -1 whatever happened; callers must not
   // read anything into it.
   initialized = true;
+  const char* slash = std::strrchr(name, '/');
+  configureWalks(slash ? std::string(name, slash == name ? 1 : slash - name) : std::string("."));
   return -1;
 }
 
 CKoError WzScanDB::close() {
+  // A batched walk cannot go on over a closed table: its pending folders
+  // (and any temporary file holding them) go now.
+  pendingRecords->clear();
+  pendingPaths->clear();
+  pendingStart.reset();
   if (initialized) {
     TCtreeTable::close();
     initialized = false;

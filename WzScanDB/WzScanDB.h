@@ -15,11 +15,22 @@
 // object: two of them must not interleave on one object. initialize and close
 // must not race other calls. sptrDbRoot is process-wide and unguarded.
 //
+// Memory: the whole-tree operations (the sub-tree walks, the item walk,
+// validateTree, removeFolder, renameFolder) hold one batch of records (10000,
+// or more when one folder has more children) and a queue of the folders still
+// to be expanded, kept as identifiers and path prefixes. Past a bound (the
+// setting nWzScanDBWalkQueueKB of section ~FileSystemAgent, default 1 MiB)
+// the queue goes on in an anonymous temporary file in the database directory,
+// or in $TMPDIR when that directory refuses; the file goes with the walk.
+// A walk that comes back to its start through a cycle of parent links ends
+// with errno 40 instead of going round for ever.
+//
 // Note: initialize("dir") with a string literal picks the engine-level
 // initialize(const char*); pass a std::string to create or open a database.
 #pragma once
 
-#include <list>
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,6 +47,11 @@
 
 class WzScanDB;
 typedef boost::shared_ptr<WzScanDB> WzScanDBPtr;
+
+namespace WzScanDBInternal {
+class RecordIdentity;
+class SpillingFifo;
+}  // namespace WzScanDBInternal
 
 class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
  public:
@@ -129,14 +145,21 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   static WzScanDBRecordBasePtr sptrDbRoot;
 
  private:
+  // What both public constructors do; `described`: a prototype was passed.
+  WzScanDB(WzScanDBRecordBasePtr prototype, bool described);
+
   bool initialized;
   bool recordInitialized;
   WzScanDBRecordBasePtr recordPrototype;
   unsigned long long refTime;
   std::vector<WzScanDBRecordBasePtr> itemRecords;
   std::vector<std::string> itemPaths;
-  std::list<WzScanDBRecordBasePtr> pendingRecords;
-  std::list<std::string> pendingPaths;
+  // Work queues of the batched sub-tree walk, first in first out: the
+  // identifiers of the folders still to be expanded, and the path prefixes
+  // of their children. They hold a bounded amount of memory and keep the
+  // rest in a temporary file beside the table (WzScanDBSubTree.cpp).
+  std::unique_ptr<WzScanDBInternal::SpillingFifo> pendingRecords;
+  std::unique_ptr<WzScanDBInternal::SpillingFifo> pendingPaths;
   uint32_t itemCursor;
   // Records of a used-up item batch that nothing else holds: getChildren
   // reads the next batch into them instead of allocating new records.
@@ -152,6 +175,18 @@ class WZSCANDB_API WzScanDB : public TCtreeTable, public SPEnabled {
   int prefixLength = 0;
 
   // ---- sub-tree walk internals (WzScanDBSubTree.cpp) ------------------------
+  // The batched walk's start record as stored: the first folder it expands
+  // and the record whose return would close a cycle of parent links.
+  WzScanDBRecordBasePtr pendingStart;
+  // Memory of one walk's pending queues together, and where they spill.
+  size_t walkQueueMemory;
+  std::string walkDirectory;
+  // Reads the walks' memory setting and takes the table's directory.
+  void configureWalks(const std::string& directory);
+  // Where the record type keeps its own identifier (made on first use).
+  const WzScanDBInternal::RecordIdentity& recordIdentity();
+  std::unique_ptr<WzScanDBInternal::RecordIdentity> identityLayout;
+
   // SubTreeWalk describes one getSubTree overload: its signature text, its
   // message texts and source lines, and whether it batches and marks records.
   // walkSubTree is the breadth-first walk that all six overloads share.

@@ -5,9 +5,11 @@
 #include <typeinfo>
 #include <utility>
 
+#include "WzScanDB/RecordTypeCheck.h"
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/CAutoTimeCounter.h"
 #include "runtime/CTimeStamp.h"
+#include "runtime/FXErrorUtil.h"
 #include "runtime/auto_lock.h"
 #include "WzScanDB/WzScanDBErrorSite.h"
 
@@ -138,6 +140,18 @@ CKoError WzScanDB::getChildren(WzScanDBRecordBasePtr folder,
                                std::vector<WzScanDBRecordBasePtr>& children) {
   auto_lock<FXCriticalSection> lock(dbLock);
   children.clear();
+
+  // Reading another type's images into probes of this type would overrun
+  // them; a null folder has no children key.
+  if (!folder) {
+    return FXErrorUtil::ErrorErrNo(FXCodeLocation(kSourcePath, kGetChildrenSignature, __LINE__),
+                                   22, "The folder record to list the children of is NULL");
+  }
+  if (recordPrototype) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(
+        recordPrototype, folder, FXCodeLocation(kSourcePath, kGetChildrenSignature, __LINE__));
+    if (typeError.IsError()) return typeError;
+  }
 
   SPrepareIndexKeyStructure request = folder->prepareIndexKeyFromParent();
   const int keySize = request.keyBufferSize;

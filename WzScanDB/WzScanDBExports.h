@@ -13,6 +13,10 @@
 // Record handles: created by the record factories below. Every object handed
 // out may still be released through its handle after DestroyWzScanDBObject or
 // Delete...Object destroyed it; the handle itself is left as it is.
+// A database handle that is empty or destroyed, or a record handle whose
+// record was destroyed, is never used: the function answers errno 22 in its
+// error argument, or a neutral result (false, 0, an empty handle or text,
+// TBL_BAD_ARGUMENT) where it has none. The file functions ignore their handle.
 //
 // No function catches exceptions, takes locks or logs of its own.
 #pragma once

@@ -77,6 +77,11 @@ __attribute__((always_inline)) inline void PrefetchItem(
 CKoError WzScanDB::getFirstItem(WzScanDBRecordBasePtr start, WzScanDBRecordBasePtr& item,
                                 std::string& path) {
   auto_lock<FXCriticalSection> lock(dbLock);
+  if (!start) {
+    return FXErrorUtil::ErrorErrNo(
+        FXCodeLocation(kSourcePath, kGetFirstItemSignature, __LINE__), 22,
+        "The start folder of the item walk is NULL");
+  }
   itemCursor = 0;
 
   KeepSpares(itemRecords, spareRecords);

@@ -114,6 +114,13 @@ CKoError WzScanDB::renameFile(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBas
   if (!oldRecord || !newRecord)
     return FXErrorUtil::ErrorErrNo(At(kRenameFileSig, site::kFileNull), 22,
                                    "One or both of the given records for Rename File is NULL");
+  // The new record is added before the old one is looked up: an old record
+  // that the lookup would refuse for its type must be refused before that.
+  if (recordPrototype) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(recordPrototype, oldRecord,
+                                                           At(kRenameFileSig, site::kFileNull));
+    if (typeError.IsError()) return typeError;
+  }
 
   newRecord->setRefTime(refTime);
   CKoError err = addDBRecord(newRecord);
@@ -150,6 +157,17 @@ CKoError WzScanDB::renameFile(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBas
 // line never carries one.
 CKoError WzScanDB::renameFolder(WzScanDBRecordBasePtr oldRecord, WzScanDBRecordBasePtr newRecord,
                                 std::string oldPath, std::string newPath) {
+  if (!oldRecord || !newRecord)
+    return FXErrorUtil::ErrorErrNo(At(kRenameFolderSig, __LINE__), 22,
+                                   "One or both of the given records for Rename Folder is NULL");
+  // Every descendant is re-made from the new record (MakeObject) and moved
+  // before the new record itself is added: a new record of another type must
+  // be refused before anything moves.
+  if (recordPrototype) {
+    CKoError typeError = WzScanDBInternal::CheckRecordType(recordPrototype, newRecord,
+                                                           At(kRenameFolderSig, __LINE__));
+    if (typeError.IsError()) return typeError;
+  }
   WzScanDBRecordBasePtr stored = oldRecord->Clone();
   bool found = false;
   CKoError err = checkDBRecord(oldRecord, stored, found);

@@ -7,11 +7,15 @@
 // signature text, message wording and source lines; they live in the
 // SubTreeWalk descriptions below.
 
-#include <list>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "WzScanDB/RecordIdentity.h"
+#include "WzScanDB/SpillingFifo.h"
+#include "WzScanDB/WalkQueueSetting.h"
 #include "WzScanDB/WzScanDB.h"
 #include "runtime/FXErrorUtil.h"
 #include "runtime/FXPath.h"
@@ -21,6 +25,8 @@
 namespace {
 
 using WzScanDBInternal::kSourcePath;
+using WzScanDBInternal::RecordIdentity;
+using WzScanDBInternal::SpillingFifo;
 
 namespace site {
 // getSubTree(start, records, validate)
@@ -116,6 +122,16 @@ struct WzScanDB::SubTreeWalk {
 };
 
 namespace {
+
+// A record of `model`'s type with an all-zero image: a bare record
+// (MakeParentObject) where the type makes one, else a clone.
+WzScanDBRecordBasePtr BlankRecordLike(WzScanDBRecordBase& model) {
+  WzScanDBRecordBasePtr blank = model.MakeParentObject();
+  if (!blank) blank = model.Clone();
+  std::memset(blank->getStructure(), 0, static_cast<size_t>(blank->recordSize()));
+  blank->setStructure(blank->getStructure());
+  return blank;
+}
 
 inline int withVisited(int flags, bool validate) {
   return validate ? (flags | kRecordFlagVisited) : (flags & ~kRecordFlagVisited);
@@ -232,11 +248,40 @@ CKoError WzScanDB::getSubTree(WzScanDBRecordBasePtr start,
                      continueRetrieval);
 }
 
+void WzScanDB::configureWalks(const std::string& directory) {
+  walkQueueMemory = WzScanDBInternal::WalkQueueBytesFromSettings();
+  walkDirectory = directory;
+  pendingRecords->configure(walkQueueMemory / 2, walkDirectory);
+  pendingPaths->configure(walkQueueMemory / 2, walkDirectory);
+}
+
+const RecordIdentity& WzScanDB::recordIdentity() {
+  if (!identityLayout) identityLayout.reset(new RecordIdentity(*recordPrototype));
+  return *identityLayout;
+}
+
 // Folders wait in a first-in-first-out queue, so every record at depth d is
-// returned before any record at depth d+1. A batched walk keeps its queue in
-// pendingRecords/pendingPaths between calls and ends a batch only after a
-// whole folder has been processed, once it holds more than maxItems records;
-// the unbatched walks use local queues and leave a batched walk undisturbed.
+// returned before any record at depth d+1. A batched walk keeps its queues in
+// pendingRecords/pendingPaths (and its start record in pendingStart) between
+// calls and ends a batch only after a whole folder has been processed, once
+// it holds more than maxItems records; the unbatched walks use local queues
+// and leave a batched walk undisturbed.
+//
+// A waiting folder is kept as its own identifier alone (and, in the walks
+// with paths, its children's path prefix), in queues of bounded memory that
+// move what does not fit to a temporary file beside the table. When its turn
+// comes, one reusable record of the start record's type is given that
+// identifier and nothing else: all that getChildren reads of a folder (the
+// children key, checkParent) depends on the identifier alone. The start
+// record itself is expanded as stored.
+//
+// Each record has one parent link, so the only record a walk can meet twice
+// is its start record, reached again through a cycle of parent links (or its
+// own parent link). Met again as a folder it would be expanded again, and the
+// walk would go round for ever: the walk reports the cycle as an error and
+// ends. Met again as a file it is returned like any other child, as a walk
+// that ends has always done (a Lustre root of FID 0 is its own parent).
+//
 // A marking walk writes a record back only when its visited bit changes: a
 // record that already carries the wanted bit would be rewritten byte for
 // byte, so the write is skipped and a walk over an unmarked tree stays a
@@ -251,12 +296,33 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
 
   auto location = [&walk](int line) { return FXCodeLocation(kSourcePath, walk.signature, line); };
 
-  std::list<WzScanDBRecordBasePtr> localRecords;
-  std::list<std::string> localPaths;
-  std::list<WzScanDBRecordBasePtr>& pending = walk.batched ? pendingRecords : localRecords;
-  std::list<std::string>& prefixes = walk.batched ? pendingPaths : localPaths;
+  std::unique_ptr<SpillingFifo> localFolders, localPrefixes;
+  WzScanDBRecordBasePtr localStart;
+  if (!walk.batched) {
+    localFolders.reset(new SpillingFifo(walkQueueMemory / 2, walkDirectory));
+    localPrefixes.reset(new SpillingFifo(walkQueueMemory / 2, walkDirectory));
+  }
+  SpillingFifo& folders = walk.batched ? *pendingRecords : *localFolders;
+  SpillingFifo& prefixes = walk.batched ? *pendingPaths : *localPrefixes;
+  WzScanDBRecordBasePtr& walkStart = walk.batched ? pendingStart : localStart;
 
+  // Ends the walk on a fault of its own queues: they no longer say which
+  // folders are left.
+  auto queueFailed = [&](int error) {
+    folders.clear();
+    if (paths) prefixes.clear();
+    return FXErrorUtil::ErrorErrNo(location(__LINE__), error,
+                                   "Cannot keep the folders still to be walked in a temporary "
+                                   "file in %s: %s",
+                                   walkDirectory.c_str(), std::strerror(error));
+  };
+
+  std::string id;
   if (!(walk.batched && continueRetrieval)) {
+    if (!start) {
+      return FXErrorUtil::ErrorErrNo(location(__LINE__), 22,
+                                     "The start record of the sub-tree is NULL");
+    }
     WzScanDBRecordBasePtr rootCopy = start->Clone();
     bool found = false;
     CKoError err = checkDBRecord(start, rootCopy, found);
@@ -269,12 +335,15 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
                                      start->toString().c_str());
     }
 
-    pending.clear();
-    pending.push_back(rootCopy);
+    folders.clear();
+    walkStart = rootCopy;
+    recordIdentity().read(*rootCopy, id);
+    int error = folders.push(id);
     if (paths) {
       prefixes.clear();
-      prefixes.push_back(std::string());
+      if (!error) error = prefixes.push(std::string());
     }
+    if (error) return queueFailed(error);
 
     const int flags = rootCopy->getFlags();
     if (walk.marks && withVisited(flags, validate) != flags) {
@@ -290,24 +359,30 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
       }
     }
   }
+  if (folders.empty()) return CKoError();
 
+  const RecordIdentity& identity = recordIdentity();
+  std::string startId;
+  identity.read(*walkStart, startId);
   const char* flagWord = validate ? walk.flagSetWord : walk.flagClearWord;
   std::vector<WzScanDBRecordBasePtr> children;
   std::string prefix;
+  std::string childPrefix;
+  // The record that stands for each waiting folder in turn.
+  WzScanDBRecordBasePtr stand;
 
-  // Queue nodes taken off the front are kept and reused at the back (a
-  // prefix node keeps its string's buffer), so that the queues do not
-  // allocate and free a node, and a prefix, per folder.
-  std::list<WzScanDBRecordBasePtr> freeFolderNodes;
-  std::list<std::string> freePrefixNodes;
-
-  while (!pending.empty()) {
-    WzScanDBRecordBasePtr folder = std::move(pending.front());
-    freeFolderNodes.splice(freeFolderNodes.end(), pending, pending.begin());
+  while (!folders.empty()) {
+    int error = folders.pop(id);
     prefix.clear();
-    if (paths && !prefixes.empty()) {
-      prefix.swap(prefixes.front());
-      freePrefixNodes.splice(freePrefixNodes.end(), prefixes, prefixes.begin());
+    if (!error && paths && !prefixes.empty()) error = prefixes.pop(prefix);
+    if (error) return queueFailed(error);
+
+    WzScanDBRecordBasePtr folder = walkStart;
+    if (id != startId) {
+      if (!stand) stand = BlankRecordLike(*walkStart);
+      identity.write(id, *stand);
+      stand->setStructure(stand->getStructure());
+      folder = stand;
     }
 
     CKoError err = getChildren(folder, children);
@@ -316,31 +391,33 @@ CKoError WzScanDB::walkSubTree(const SubTreeWalk& walk, WzScanDBRecordBasePtr st
                       folder->toString().c_str());
     }
 
-    // The children list is this call's own: each child moves on to
-    // `records` (a folder is also shared with the pending list).
+    // The children list is this call's own: each child moves on to `records`.
     const int count = static_cast<int>(children.size());
     for (int i = 0; i < count; ++i) {
+      if (children[i]->isDir() && identity.matches(*children[i], startId)) {
+        folders.clear();
+        if (paths) prefixes.clear();
+        return FXErrorUtil::ErrorErrNo(
+            location(__LINE__), 40,
+            "The record %s is its own descendant: its parent links form a cycle",
+            children[i]->toString().c_str());
+      }
       records.push_back(std::move(children[i]));
       const WzScanDBRecordBasePtr& child = records.back();
       if (paths) pathSlots.append(prefix, child->getName());
 
       if (child->isDir()) {
-        if (freeFolderNodes.empty()) {
-          pending.push_back(child);
-        } else {
-          freeFolderNodes.front() = child;
-          pending.splice(pending.end(), freeFolderNodes, freeFolderNodes.begin());
-        }
-        if (paths) {
-          if (freePrefixNodes.empty()) freePrefixNodes.emplace_back();
-          std::string& childPrefix = freePrefixNodes.front();
+        identity.read(*child, id);
+        error = folders.push(id);
+        if (!error && paths) {
           // Room for the delimiter, so that appending it does not reallocate.
           const std::string& path = pathSlots.last();
           childPrefix.reserve(path.size() + 1);
           childPrefix.assign(path);
           FXPath::AppendTrailingDelimiter(childPrefix);
-          prefixes.splice(prefixes.end(), freePrefixNodes, freePrefixNodes.begin());
+          error = prefixes.push(childPrefix);
         }
+        if (error) return queueFailed(error);
       }
       const int flags = child->getFlags();
       const bool changed = walk.marks && withVisited(flags, validate) != flags;

@@ -38,7 +38,7 @@ TYPED_TEST(PathsTest, PathFromParentLinks) {
   const int dir = model.addFolder(0, "dir");
   const int sub = model.addFolder(dir, "sub");
   const int file = model.addFile(sub, "file");
-  const int deepest = model.addChain(dir, 40, "n");
+  const int deepest = model.addChain(dir, 4200, "n");  // deeper than any real path
   this->Store();
 
   std::string path = "stale";

@@ -27,6 +27,7 @@
 struct GenericTree {
   static constexpr const char* kName = "Generic";
   static constexpr size_t kStatOffset = 32;     // stat_data in the record image
+  static constexpr size_t kIdBytes = 16;        // own GUID first, the parent's next
   static constexpr bool kCarriesStatus = true;  // renames keep the stored stat_data
   static constexpr bool kKeyedOnPath = true;    // MD5 of the path text, a trailing '/' included
   static void Install() {}
@@ -40,6 +41,7 @@ struct GenericTree {
 struct LustreTree {
   static constexpr const char* kName = "Lustre";
   static constexpr size_t kStatOffset = 48;
+  static constexpr size_t kIdBytes = 24;  // own FID first, the parent's next
   static constexpr bool kCarriesStatus = false;
   static constexpr bool kKeyedOnPath = false;
   static constexpr uint64_t kSequence = 0x200000400ULL;

@@ -103,8 +103,8 @@ TYPED_TEST(ValidateTest, DisconnectedRecordsGiveOneLine) {
 
 // printStats counts the root's descendants on stdout and leaves every
 // reachable record marked; an unreachable one is neither counted nor marked.
-// Without the root, printStats and validateTree fail at the walk, each in
-// its own words.
+// Without the root record in the table, or without any root record,
+// printStats and validateTree fail at the walk, each in its own words.
 TYPED_TEST(ValidateTest, PrintStatsAndAMissingRoot) {
   this->BuildSmallTree();
   this->AddFile("/lost/orphan");
@@ -135,6 +135,12 @@ TYPED_TEST(ValidateTest, PrintStatsAndAMissingRoot) {
   EXPECT_EQ(0u, out.find("Couldn't get the subtree due to : "));
   EXPECT_NE(std::string::npos, out.find("is not present in the database to retrieve a subtree"));
   log.ExpectOnce(out, 472, -1);  // the same text, without a newline
+
+  // No root record at all (no tree database made in this process).
+  WzScanDB::sptrDbRoot.reset();
+  ExpectError(this->db_->validateTree(consistent), EKoErrorKind::kErrNo, 22,
+              "getSubtree(NULL) with validate = true Failed", 1048);
+  EXPECT_EQ(22, printStats().empty() ? 0 : err.GetCode());
 }
 
 }  // namespace
