@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -283,6 +284,8 @@ int LmdbFile::close() {
     if (used && fd_ >= 0) {
       if (ftruncate(fd_, static_cast<off_t>(used)) != 0 || fdatasync(fd_) != 0)
         status = TBL_IO_ERROR;
+      else
+        markClean();
     }
   }
   if (fd_ >= 0) {
@@ -291,6 +294,50 @@ int LmdbFile::close() {
     fd_ = -1;
   }
   return status;
+}
+
+namespace {
+
+constexpr const char* kCleanMarkName = "user.wztable.clean";
+
+struct CleanMark {
+  char magic[8];
+  uint64_t ino;
+  uint64_t size;
+  int64_t mtimeSec;
+  int64_t mtimeNsec;
+};
+
+bool markOf(int fd, CleanMark* mark) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return false;
+  std::memset(mark, 0, sizeof *mark);
+  std::memcpy(mark->magic, "wzclean1", sizeof mark->magic);
+  mark->ino = st.st_ino;
+  mark->size = static_cast<uint64_t>(st.st_size);
+  mark->mtimeSec = st.st_mtim.tv_sec;
+  mark->mtimeNsec = st.st_mtim.tv_nsec;
+  return true;
+}
+
+}  // namespace
+
+void LmdbFile::markClean() {
+  // Best effort: without the mark the next open checks every page.
+  CleanMark mark;
+  if (markOf(fd_, &mark)) (void)fsetxattr(fd_, kCleanMarkName, &mark, sizeof mark, 0);
+}
+
+LmdbFile::Mark LmdbFile::cleanMark() const {
+  CleanMark stored, now;
+  const ssize_t got = fgetxattr(fd_, kCleanMarkName, &stored, sizeof stored);
+  if (got < 0 && (errno == ENOTSUP || errno == EOPNOTSUPP)) return Mark::kUnsupported;
+  if (got != static_cast<ssize_t>(sizeof stored) || !markOf(fd_, &now)) return Mark::kAbsent;
+  return std::memcmp(&stored, &now, sizeof now) == 0 ? Mark::kIntact : Mark::kAbsent;
+}
+
+void LmdbFile::clearCleanMark() {
+  if (fd_ >= 0 && !readOnly_) (void)fremovexattr(fd_, kCleanMarkName);
 }
 
 void LmdbFile::abandon() {

@@ -15,6 +15,10 @@
 // the file back to the pages in use, so files stay proportional to their
 // content.
 //
+// A read-write close that settled the file leaves a clean mark on it (an
+// extended attribute naming the file's inode, size and modification time);
+// cleanMark() tells whether the file is still exactly as that close left it.
+//
 // Not thread-safe. No transaction may be active when the map grows.
 #pragma once
 
@@ -68,8 +72,17 @@ class LmdbFile {
   int ensureRoom(size_t bytes);
   // The growth step: the configured step or 1/8 of the map, the larger.
   size_t growStep() const { return growStep_ > mapSize_ / 8 ? growStep_ : mapSize_ / 8; }
-  // Flushes and closes the environment, cuts the file to its used size and
-  // closes the file (which drops the lock). Safe to call twice.
+  enum class Mark { kIntact, kAbsent, kUnsupported };
+  // Whether the file carries the mark of the last clean close and has not
+  // changed since (same inode, size and modification time): kAbsent when
+  // there is no mark or it does not match, kUnsupported when the file
+  // system keeps no extended attributes.
+  Mark cleanMark() const;
+  // Removes the mark: the file is about to change. Best effort.
+  void clearCleanMark();
+  // Flushes and closes the environment, cuts the file to its used size,
+  // marks it clean and closes the file (which drops the lock). Safe to call
+  // twice.
   int close();
   // Closes without flushing or resizing, leaving the file as it was (used
   // after a failed open).
@@ -101,6 +114,7 @@ class LmdbFile {
   int preallocate(uint64_t size);
   int mapEnv(size_t mapSize);
   int reopenHandles();
+  void markClean();
 
   unsigned maxDbs_ = 0;
 

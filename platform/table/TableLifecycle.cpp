@@ -229,10 +229,20 @@ int TCtreeTable::Impl::openFiles(WZIndexing::TAccessEnum mode) {
   const bool logPresent = status == TBL_OK && ::lstat(logPath().c_str(), &st) == 0;
   // Files a live writer holds are trusted (their pages change under a check).
   const bool liveWriter = status == TBL_OK && readOnly && writerPresent(data.fd());
-  // Files not closed cleanly (a log was left) get every page checked; files
-  // closed cleanly, the quick check of what the open itself reads.
+  // Files not closed cleanly (a log was left), or changed since their clean
+  // close by anything else (their mark is gone or stale: a copy, a restore,
+  // another program's write), get every page checked; files as this engine
+  // closed them, the quick check of what the open itself reads. Where the
+  // file system keeps no marks, a file without a log counts as clean.
   bool deep = verifyAlways || logPresent;
+  if (status == TBL_OK && !deep && !liveWriter)
+    deep = data.cleanMark() == LmdbFile::Mark::kAbsent || index.cleanMark() == LmdbFile::Mark::kAbsent;
   if (status == TBL_OK && !liveWriter) status = verifyFiles(deep);
+  if (status == TBL_OK && !readOnly) {
+    // From here on the files change: a kill leaves them unmarked.
+    data.clearCleanMark();
+    index.clearCleanMark();
+  }
   if (status == TBL_OK) status = data.openEnv(2, step, cap);
   if (status == TBL_OK)
     status = index.openEnv(static_cast<unsigned>(schema.indexes().size()) + 1, step, cap);
