@@ -14,4 +14,4 @@ cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DWZ_WERROR=ON -D
 cmake --build "$build" --target runtime_tests -j2
 TSAN_OPTIONS="halt_on_error=1 ${TSAN_OPTIONS}" "$build/tests/runtime/runtime_tests" \
   --gtest_repeat="$repeat" --gtest_brief=1 \
-  --gtest_filter='LogWriterTest.LinesFromManyThreads*:LogWriterTest.LevelGates*:WzThreadTest.*:TimingTest.Counter*'
+  --gtest_filter='RuntimeTest.FileLines*:RuntimeTest.LevelGates*:TextTest.StampsAndCounters*'
