@@ -5,14 +5,13 @@
 # meta pages only, all but them, a random subset, an ascending write-back
 # cut short, a torn log, the log behind the tables). Every image must open,
 # hold a state that existed and keep every write acknowledged before the last
-# completed flush of the log. Prints the totals and the largest loss.
+# completed flush of the log. Prints the seed and the number of images.
 #
 # usage: scripts/powerloss-soak.sh [ROUNDS [SNAPS [SEED]]]
 #   ROUNDS  rounds (default 40; every third one on the scan database)
 #   SNAPS   snapshots per table round (default 12; half on database rounds)
 #   SEED    seed (default: the current time; printed)
-# Environment: BUILD_DIR (default build/release); WZ_POWERLOSS_KEEP=dir
-# keeps the first bad image.
+# Environment: BUILD_DIR (default build/release).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

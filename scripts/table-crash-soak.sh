@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Long crash soak of the table engine: a writer process killed with SIGKILL
-# at random moments, ROUNDS times, each round reopened and compared with the
-# operations it acknowledged (tests/table_crash).
+# Long crash soak: a writer process (tests/faults fault_writer) killed with
+# SIGKILL at random moments, ROUNDS times, alternately on a table and on a
+# scan database, each round reopened and compared with the operations it
+# acknowledged (tests/table_crash).
 #
 # usage: scripts/table-crash-soak.sh [ROUNDS [SEED]]
 #   ROUNDS   rounds to run (default 1000)
