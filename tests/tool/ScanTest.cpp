@@ -13,7 +13,8 @@ class ScanTest : public ToolFixture {};
 // Lustre records are keyed by FID: a path without one is not in the
 // database, and "/" has a record of its own below the FID-less root. A moved
 // folder is a rename, which -0 reports as "renamed\tREASONS\tNEW\0OLD\0",
-// after the folders that lost and gained an entry.
+// after the folders that lost and gained an entry; a new file has "-" for
+// reasons.
 TEST_F(ScanTest, LustrePathsResolveThroughFids) {
   MakeScratchTree();
   auto lustre = [this](std::vector<std::string> args) {
@@ -32,10 +33,12 @@ TEST_F(ScanTest, LustrePathsResolveThroughFids) {
   // Relative paths from the top folder down, folders ending in '/', no line for "/".
   EXPECT_EQ(0u, Run(lustre({"walk", db_})).out.find(relative.substr(0, relative.find('/')) + "/\n"));
   ASSERT_EQ(0, ::rename(T("b").c_str(), T("a/b2").c_str()));
+  WriteFile("a/new", "n");
   ToolResult moved = Run(lustre({"scan", tree_, "--db", db_, "--ref-time", "8001", "-0"}));
   ASSERT_EQ(0, moved.status) << moved.err;
   EXPECT_EQ("changed\tmtime,ctime\t" + T("") + '\0' + "changed\tmtime,ctime\t" + T("a") + '\0' +
-                "renamed\tctime\t" + T("a/b2") + '\0' + T("b") + '\0',
+                "renamed\tctime\t" + T("a/b2") + '\0' + T("b") + '\0' + "new\t-\t" + T("a/new") +
+                '\0',
             moved.out);
   EXPECT_EQ(T("a/b2/c/g.txt") + "\n", Run(lustre({"path", db_, T("a/b2/c/g.txt")})).out);
   EXPECT_EQ(0, Run(lustre({"validate", db_})).status);
