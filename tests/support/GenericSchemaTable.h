@@ -34,10 +34,9 @@ struct SGenericRecord {
   char sname[255];
   uint8_t padding[4];
 };
-static_assert(sizeof(SGenericRecord) == 440, "generic record image is 440 bytes");
-static_assert(offsetof(SGenericRecord, refTime) == 176, "refTime offset");
-static_assert(offsetof(SGenericRecord, flags) == 180, "flags offset");
-static_assert(offsetof(SGenericRecord, sname) == 181, "sname offset");
+static_assert(sizeof(SGenericRecord) == 440 && offsetof(SGenericRecord, refTime) == 176 &&
+                  offsetof(SGenericRecord, flags) == 180 && offsetof(SGenericRecord, sname) == 181,
+              "the generic record image: 440 bytes, refTime at 176, flags at 180, sname at 181");
 
 // A key buffer large enough for either index (keyLength + 32 bytes, zeroed).
 struct GenericKey {
@@ -51,18 +50,15 @@ class GenericSchemaTable : public TCtreeTable {
  public:
   int registerTable() override { return internalRegisterTable(18, 12, 18); }
 
-  // Registers the schema for the table `name` (path without extension).
-  // Returns the first non-zero engine status, or TBL_OK.
-  int define(const std::string& name) { return defineSchema(*this, name, SchemaLayout::generic()); }
-
+  // Register the schema for the table `name` (path without extension), then
+  // create or open it. Return the first non-zero engine status, or TBL_OK.
   int createTable(const std::string& name) {
-    int status = define(name);
+    int status = defineSchema(*this, name, SchemaLayout::generic());
     return status != TBL_OK ? status : create();
   }
-
   int openTable(const std::string& name,
                 WZIndexing::TAccessEnum mode = WZIndexing::kAccessReadWrite) {
-    int status = define(name);
+    int status = defineSchema(*this, name, SchemaLayout::generic());
     return status != TBL_OK ? status : open(mode);
   }
 
@@ -71,17 +67,14 @@ class GenericSchemaTable : public TCtreeTable {
   int buildKey(int index, const SGenericRecord& record, GenericKey* key) {
     std::memset(key->bytes, 0, sizeof key->bytes);
     char* cursor = key->bytes;
-    int remaining = (index == 0 ? GenericKey::kIndex0Length : GenericKey::kIndex1Length) + 32;
-    const int start = remaining;
-    const int segments = index == 0 ? 1 : 2;
+    const int start = (index == 0 ? GenericKey::kIndex0Length : GenericKey::kIndex1Length) + 32;
+    int remaining = start, status = TBL_OK;
     // Each segment reads from its field's own bytes, as the record's key
     // request points them.
     const void* fields[2] = {index == 0 ? record.guid : record.parent_guid, record.sname};
-    for (int s = 0; s < segments; ++s) {
-      int status = fillKeySegment(&cursor, &remaining, fields[s], 0, index, s);
-      if (status != TBL_OK) return status;
-    }
-    int status = finishKey(&cursor, &remaining, index, 0);
+    for (int s = 0; s < (index == 0 ? 1 : 2) && status == TBL_OK; ++s)
+      status = fillKeySegment(&cursor, &remaining, fields[s], 0, index, s);
+    if (status == TBL_OK) status = finishKey(&cursor, &remaining, index, 0);
     key->length = start - remaining;
     return status;
   }

@@ -40,12 +40,8 @@ class LogAt {
     const auto found = capture_->Find(message);
     ASSERT_EQ(1u, found.size()) << message;
     EXPECT_EQ(line, found[0].line) << message;
-    if (level != kAnyLevel) {
-      EXPECT_EQ(level, found[0].level) << message;
-    }
-    if (function != nullptr) {
-      EXPECT_EQ(function, found[0].function) << message;
-    }
+    if (level != kAnyLevel) { EXPECT_EQ(level, found[0].level) << message; }
+    if (function) { EXPECT_EQ(function, found[0].function) << message; }
   }
 
  private:

@@ -21,25 +21,20 @@ struct SchemaLayout {
   struct Field {
     std::string name;
     unsigned long offset;
-    short type;
-    short length;
+    short type, length;
   };
   struct Index {
     std::string name;
     short keyLength;
     TKeyType keyType;
-    short duplicates;
-    short numSegments;
-    short firstSegment;
+    short duplicates, numSegments, firstSegment;
   };
   struct Segment {
-    short field;
-    short size;
+    short field, size;
     char caseSensitive;
   };
   bool variableLength;
-  unsigned recordSize;
-  unsigned fixedRecordSize;
+  unsigned recordSize, fixedRecordSize;
   std::vector<Field> fields;
   std::vector<Index> indexes;
   std::vector<Segment> segments;
@@ -47,18 +42,12 @@ struct SchemaLayout {
   // The 440-byte generic scan record: index 0 unique on guid; index 1 with
   // duplicates on parent_guid + the first 56 bytes of sname, key type 12.
   static SchemaLayout generic() {
-    return SchemaLayout{true,
-                        440,
-                        181,
-                        {{"guid", 0, kFieldBinary, 16},
-                         {"parent_guid", 16, kFieldBinary, 16},
-                         {"stat_data", 32, kFieldBinary, 144},
-                         {"refTime", 176, kFieldUInt32, 4},
-                         {"flags", 180, kFieldUInt8, 1},
-                         {"sname", 181, kFieldString, 255}},
-                        {{"guid", 16, kKeyFixed, 0, 1, 0},
-                         {"parent_guid_and_sname", 72, kKeyCompressBoth, 1, 2, 1}},
-                        {{0, 16, 1}, {1, 16, 1}, {5, 56, 1}}};
+    return {true, 440, 181,
+            {{"guid", 0, kFieldBinary, 16}, {"parent_guid", 16, kFieldBinary, 16},
+             {"stat_data", 32, kFieldBinary, 144}, {"refTime", 176, kFieldUInt32, 4},
+             {"flags", 180, kFieldUInt8, 1}, {"sname", 181, kFieldString, 255}},
+            {{"guid", 16, kKeyFixed, 0, 1, 0}, {"parent_guid_and_sname", 72, kKeyCompressBoth, 1, 2, 1}},
+            {{0, 16, 1}, {1, 16, 1}, {5, 56, 1}}};
   }
 };
 

@@ -1,80 +1,108 @@
-// addFile, addFolder and removeFile; removeFolder is in RemoveFolderTest.
+// addFile, addFolder, removeFile and removeFolder, and renameFolder of a
+// sub-tree larger than one batch.
+#include <algorithm>
+#include <cstdio>
+
 #include "tree_write/TreeWriteFixture.h"
 
 namespace {
 
 template <class Tree>
 using FileOpsTest = TreeWriteTest<Tree>;
-TYPED_TEST_SUITE(FileOpsTest, TreeTypes, TreeTypeNames);
+TYPED_TEST_SUITE(FileOpsTest, TreeTypes);
 
 // The directory bit comes from the operation, not the caller's record; the
 // visited bit is kept; the reference time is the database's, also when an
-// add updates a stored record. Log lines only at level 6.
-TYPED_TEST(FileOpsTest, AddStampsDirectoryBitAndReferenceTime) {
+// add updates a stored record. removeFile of a folder takes that record
+// only; removing what is not stored is no error. Log lines only at level 6.
+TYPED_TEST(FileOpsTest, AddStampsDirectoryBitAndReferenceTimeRemoveFileTakesOneRecord) {
   LogAt log(6);
-  WzScanDBRecordBasePtr folder = this->Make("/docs", false);
-  folder->setFlags(0);
+  WzScanDBRecordBasePtr folder = this->Make("/docs", false), file = this->Make("/docs/a.txt", true);
   folder->setRefTime(7);
-  ASSERT_TRUE(this->db_->addFolder(folder).IsSuccess());
-  EXPECT_EQ(1, this->Stored(folder)->getFlags());
-  EXPECT_EQ(this->kDbRefTime, this->Stored(folder)->getRefTime());
-
-  WzScanDBRecordBasePtr file = this->Make("/docs/a.txt", true);
   file->setFlags(kRecordFlagDirectory | kRecordFlagVisited);
   file->setRefTime(99);
+  ASSERT_TRUE(this->db_->addFolder(folder).IsSuccess());
   ASSERT_TRUE(this->db_->addFile(file).IsSuccess());
-  log.ExpectOnce("File Record Added : " + file->toString(), 768, 6,
-                 "CKoError WzScanDB::addFile(WzScanDBRecordBasePtr)");
+  std::vector<std::string> lines = {"6 789 Folder Record Added : " + folder->toString(),
+                                    "6 768 File Record Added : " + file->toString()};
+  EXPECT_EQ(kRecordFlagDirectory, this->Stored(folder)->getFlags());
   EXPECT_EQ(kRecordFlagVisited, this->Stored(file)->getFlags());
+  EXPECT_EQ(this->kDbRefTime, this->Stored(folder)->getRefTime());
   EXPECT_EQ(this->kDbRefTime, this->Stored(file)->getRefTime());
-
   this->db_->setRefTime(this->kDbRefTime + 10);
   ASSERT_TRUE(this->db_->addFolder(file).IsSuccess());
-  EXPECT_EQ(3, this->Stored(file)->getFlags());
+  lines.push_back("0 158 The Reference Time for the Database is set to " +
+                  std::to_string(this->kDbRefTime + 10));
+  lines.push_back("6 789 Folder Record Added : " + file->toString());
+  EXPECT_EQ(kRecordFlagDirectory | kRecordFlagVisited, this->Stored(file)->getFlags());
   EXPECT_EQ(this->kDbRefTime + 10, this->Stored(file)->getRefTime());
-  EXPECT_EQ(3u, this->CountRecords());
-
-  log.ExpectOnce("Folder Record Added : " + folder->toString(), 789, 6,
-                 "CKoError WzScanDB::addFolder(WzScanDBRecordBasePtr)");
-
-  log->Clear();
-  g_ptrLogWriter->SetLevel(5);
-  ASSERT_TRUE(this->db_->addFile(this->Make("/docs/b.txt", false)).IsSuccess());
-  EXPECT_TRUE(log->FindContaining("Record Added").empty());
-}
-
-TYPED_TEST(FileOpsTest, EmptyRecordArgumentsFailWith22AndWriteNothing) {
-  const WzScanDBRecordBasePtr none, some = this->root_;
-  for (auto [from, to] : {std::make_pair(none, some), std::make_pair(some, none)}) {
-    ExpectError(this->db_->renameByKey(from, to), EKoErrorKind::kErrNo, 22,
-                "One or both of the given records for Rename is NULL", 855);
-    ExpectError(this->db_->renameFile(from, to), EKoErrorKind::kErrNo, 22,
-                "One or both of the given records for Rename File is NULL", 904);
+  for (int twice = 0; twice < 2; ++twice) {
+    ASSERT_TRUE(this->db_->removeFile(folder).IsSuccess());
+    lines.push_back("6 806 File Record Removed : " + folder->toString());
   }
-  ExpectError(this->db_->addFile(none), EKoErrorKind::kErrNo, 22,
-              "The given record for Add File is NULL", 756);
-  ExpectError(this->db_->addFolder(none), EKoErrorKind::kErrNo, 22,
-              "The given record for Add Folder is NULL", 778);
-  ExpectError(this->db_->removeFile(none), EKoErrorKind::kErrNo, 22,
-              "The given record for Remove File is NULL", 800);
-  ExpectError(this->db_->removeFolder(none), EKoErrorKind::kErrNo, 22,
-              "The given record for Remove Folder is NULL", 818);
+  EXPECT_TRUE(!this->Stored(folder) && this->Stored(file));
+  g_ptrLogWriter->SetLevel(5);
+  ASSERT_TRUE(this->db_->removeFile(file).IsSuccess());
+  EXPECT_EQ(lines, Logged(log));
   EXPECT_EQ(1u, this->CountRecords());
 }
 
-// removeFile of a folder takes that record only; removing what is not
-// stored is not an error.
-TYPED_TEST(FileOpsTest, RemoveFileOnFolderRemovesOnlyThatRecord) {
-  WzScanDBRecordBasePtr folder = this->AddFolder("/music");
-  this->AddFile("/music/one.mp3");
-  this->AddFolder("/music/live");
+// Sub-trees larger than one batch of the sub-tree walk (10000, plus the
+// children of the folder that crossed it), read from the walk state batch
+// after batch, as the level-6 "Filled the Buffer with %lu Items" lines show:
+// renameFolder moves every item exactly once (a trailing delimiter on the old
+// path builds the same item paths); removeFolder removes exactly the
+// sub-tree, and the folder itself only after an empty batch. An empty folder
+// takes one empty batch; a folder that is not stored fails at the first walk.
+TYPED_TEST(FileOpsTest, BigSubTreesMoveAndGoInBoundedBatches) {
+  WzScanDBRecordBasePtr big = this->AddFolder("/big"), empty = this->AddFolder("/empty");
+  this->AddWide("/big", 12, 1000);
+  this->AddFolder("/x");
+  this->AddWide("/x", 12, 1000);
+  // Neighbours that must survive: a sibling whose name shares the prefix,
+  // and a folder with its own children.
+  for (const char* path : {"/big2", "/keep", "/keep/inner"}) this->AddFolder(path);
+  for (const char* path : {"/big2/keep-a", "/keep/inner/keep-b", "/keep-c"}) this->AddFile(path);
+  const size_t records = this->CountRecords();
   LogAt log(6);
-  ASSERT_TRUE(this->db_->removeFile(folder).IsSuccess());
-  EXPECT_FALSE(this->Stored(folder));
-  EXPECT_TRUE(this->IsStored("/music/one.mp3", false));
-  EXPECT_TRUE(this->IsStored("/music/live", true));
-  EXPECT_EQ(1u, log->Find("File Record Removed : " + folder->toString()).size());
-  EXPECT_TRUE(this->db_->removeFile(folder).IsSuccess());
+  ASSERT_TRUE(this->db_->renameFolder(this->Make("/x", true), this->Make("/y", true), "/x/", "/y")
+                  .IsSuccess());
+  const std::string tail = " Items from the getSubtree function";
+  EXPECT_EQ((std::vector<std::string>{"6 962 Filled the Buffer with 10012" + tail,
+                                      "6 1000 Filled the Buffer with 2000" + tail,
+                                      "6 1000 Filled the Buffer with 0" + tail}),
+            Logged(log, "Filled the Buffer"));
+  EXPECT_EQ(12u * 1001 + 1, log->FindContaining("Renaming path from : /x/").size());
+  EXPECT_EQ(1u, log->Find("Renaming path from : /x/d7/f9 to /y/d7/f9").size());
+  EXPECT_EQ(1u, log->Find("Renaming path from : /x/ to /y").size());
+  EXPECT_EQ(records, this->CountRecords());
+  EXPECT_TRUE(this->IsStored("/y", true) && this->IsStored("/y/d11/", true));
+  EXPECT_TRUE(this->IsStored("/y/d11/f999", false) && !this->IsStored("/x/d11/f999", false));
+
+  const char* kRemoveFolder = "CKoError WzScanDB::removeFolder(WzScanDBRecordBasePtr)";
+  log->Clear();
+  ASSERT_TRUE(this->db_->removeFolder(empty).IsSuccess());
+  log.ExpectOnce("Filled the Buffer with 0 Items from the getSubtree() function", 825, 6,
+                 kRemoveFolder);
+  log->Clear();
+  ASSERT_TRUE(this->db_->removeFolder(big).IsSuccess());
+  const std::string removeTail = " Items from the getSubtree() function";
+  EXPECT_EQ((std::vector<std::string>{"6 825 Filled the Buffer with 10012" + removeTail,
+                                      "6 839 Filled the Buffer with 2000" + removeTail,
+                                      "6 839 Filled the Buffer with 0" + removeTail,
+                                      "6 845 Folder Record and its descendants Deleted : " +
+                                          big->toString()}),
+            Logged(log));
+  EXPECT_EQ(records - 12 * 1001 - 2, this->CountRecords());
+  for (const char* path : {"/big2", "/keep", "/keep/inner"}) EXPECT_TRUE(this->IsStored(path, true));
+  for (const char* path : {"/big2/keep-a", "/keep/inner/keep-b", "/keep-c"})
+    EXPECT_TRUE(this->IsStored(path, false)) << path;
+
+  CKoError err = this->db_->removeFolder(big);
+  ExpectError(err, EKoErrorKind::kErrNo, 2, "getSubTree(" + big->toString() + ") Failed", 824);
+  EXPECT_EQ("The record " + big->toString() + " is not present in the database to retrieve a subtree",
+            err.GetOriginMessage());
+  EXPECT_STREQ(kRemoveFolder, err.GetFrames().back().location.function);
 }
 
 }  // namespace

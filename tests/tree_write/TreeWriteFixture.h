@@ -9,10 +9,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -25,11 +25,10 @@
 #include "support/TempDir.h"
 
 struct GenericTree {
-  static constexpr const char* kName = "Generic";
-  static constexpr size_t kStatOffset = 32;     // stat_data in the record image
-  static constexpr size_t kIdBytes = 16;        // own GUID first, the parent's next
-  static constexpr bool kCarriesStatus = true;  // renames keep the stored stat_data
-  static constexpr bool kKeyedOnPath = true;    // MD5 of the path text, a trailing '/' included
+  static constexpr size_t kStatOffset = 32, kIdBytes = 16;  // own GUID first, the parent's next
+  // Keyed on the MD5 of the path text, a trailing '/' included; renames keep
+  // the stored status bytes.
+  static constexpr bool kKeyedOnPath = true;
   static void Install() {}
   static WzScanDBRecordBasePtr Prototype() { return boost::make_shared<WzScanDBRecord>(); }
   static WzScanDBRecordBasePtr Root(WzScanDB& db) { return db.getRoot()->Clone(); }
@@ -39,13 +38,9 @@ struct GenericTree {
 };
 
 struct LustreTree {
-  static constexpr const char* kName = "Lustre";
-  static constexpr size_t kStatOffset = 48;
-  static constexpr size_t kIdBytes = 24;  // own FID first, the parent's next
-  static constexpr bool kCarriesStatus = false;
+  static constexpr size_t kStatOffset = 48, kIdBytes = 24;  // own FID first, the parent's next
   static constexpr bool kKeyedOnPath = false;
   static constexpr uint64_t kSequence = 0x200000400ULL;
-
   static void Install() {
     auto ids = std::make_shared<std::map<std::string, uint32_t>>();
     (*ids)["/"] = 1;
@@ -53,17 +48,16 @@ struct LustreTree {
       if (path.empty()) return -ENOENT;
       std::string entry = path;
       while (entry.size() > 1 && entry.back() == '/') entry.pop_back();
-      auto it = ids->emplace(entry, static_cast<uint32_t>(ids->size() + 1)).first;
-      fid = LustreAPI::lu_fid{kSequence, it->second, 0};
+      const uint32_t next = uint32_t(ids->size() + 1);
+      fid = LustreAPI::lu_fid{kSequence, ids->emplace(entry, next).first->second, 0};
       return 0;
     });
   }
   static WzScanDBRecordBasePtr Prototype() { return boost::make_shared<WzScanDBLustreRecord>(); }
   // The mount's root: its own FID, no parent FID.
   static WzScanDBRecordBasePtr Root(WzScanDB&) {
-    return boost::make_shared<WzScanDBLustreRecord>(
-        boost::make_shared<LustreAPI::CLustreFID>(kSequence, 1, 0), LustreAPI::CLustreFIDPtr(),
-        "", true, 0);
+    auto fid = boost::make_shared<LustreAPI::CLustreFID>(kSequence, 1, 0);
+    return boost::make_shared<WzScanDBLustreRecord>(fid, LustreAPI::CLustreFIDPtr(), "", true, 0);
   }
   static WzScanDBRecordBasePtr FromPath(const std::string& path, bool isDir) {
     return boost::make_shared<WzScanDBLustreRecord>(path, isDir, 0);
@@ -80,6 +74,15 @@ inline void ExpectError(const CKoError& err, EKoErrorKind kind, int code, const 
   EXPECT_EQ(line, err.GetFrames().back().location.line) << top;
 }
 
+// What `log` captured from the library's own sites (not the entry and exit
+// lines), whose message contains `fragment`, as "level line message".
+inline std::vector<std::string> Logged(const LogAt& log, const std::string& fragment = "") {
+  std::vector<std::string> lines;
+  for (const CLogEntry& e : log->FindContaining(fragment))
+    if (e.line > 0) lines.push_back(std::to_string(e.level) + " " + std::to_string(e.line) + " " + e.message);
+  return lines;
+}
+
 template <class Tree>
 class TreeWriteTest : public ::testing::Test {
  protected:
@@ -88,7 +91,7 @@ class TreeWriteTest : public ::testing::Test {
   void SetUp() override {
     Tree::Install();
     db_ = boost::make_shared<WzScanDB>(Tree::Prototype());
-    ASSERT_TRUE(db_->initialize(std::string(dir_.path())).IsSuccess());
+    ASSERT_TRUE(db_->initialize(dir_.path()).IsSuccess());
     db_->setRefTime(kDbRefTime);
     root_ = Tree::Root(*db_);
     ASSERT_TRUE(db_->addFolder(root_).IsSuccess());
@@ -112,30 +115,33 @@ class TreeWriteTest : public ::testing::Test {
   }
   WzScanDBRecordBasePtr AddFolder(const std::string& path) { return Add(path, true); }
   WzScanDBRecordBasePtr AddFile(const std::string& path) { return Add(path, false); }
-
+  // `folders` folders "/d<n>" below `top`, each with `files` files "/f<n>".
+  void AddWide(const std::string& top, int folders, int files) {
+    for (int f = 0; f < folders; ++f) {
+      AddFolder(top + "/d" + std::to_string(f));
+      for (int i = 0; i < files; ++i)
+        AddFile(top + "/d" + std::to_string(f) + "/f" + std::to_string(i));
+    }
+  }
   // The stored version of `record` (looked up by its own key), or null.
   WzScanDBRecordBasePtr Stored(const WzScanDBRecordBasePtr& record) {
     WzScanDBRecordBasePtr out = record->Clone();
     bool found = false;
-    CKoError err = db_->checkDBRecord(record, out, found);
-    EXPECT_TRUE(err.IsSuccess()) << err.AsString();
+    EXPECT_TRUE(db_->checkDBRecord(record, out, found).IsSuccess());
     return found ? out : WzScanDBRecordBasePtr();
   }
   bool IsStored(const std::string& path, bool isDir) { return !!Stored(Make(path, isDir)); }
-
-  // Calls `each` on every record of the table, in the engine's order, and
-  // returns how many there are.
-  size_t ScanTable(const std::function<void(const WzScanDBRecordBasePtr&)>& each = nullptr) {
+  // How many records the table holds, and how many of them carry the visited bit.
+  size_t CountRecords(bool markedOnly = false) {
     size_t count = 0;
     WzScanDBRecordBasePtr probe = Tree::Prototype();
     for (int status = db_->firstRecord(-1, probe->getStructure()); status == 0;
-         status = db_->nextRecord(-1, probe->getStructure()), ++count) {
-      if (each) each(probe);
-    }
+         status = db_->nextRecord(-1, probe->getStructure()))
+      count += !markedOnly || (probe->getFlags() & kRecordFlagVisited);
     return count;
   }
-  size_t CountRecords() { return ScanTable(); }
-
+  size_t Marked() { return CountRecords(true); }
+  // The st_size of the record's status bytes.
   static uint64_t StatSize(const WzScanDBRecordBasePtr& record) {
     uint64_t size = 0;
     std::memcpy(&size, static_cast<char*>(record->getStructure()) + Tree::kStatOffset + 48, 8);
@@ -150,10 +156,4 @@ class TreeWriteTest : public ::testing::Test {
   WzScanDBRecordBasePtr root_;
 };
 
-struct TreeTypeNames {
-  template <class Tree>
-  static std::string GetName(int) {
-    return Tree::kName;
-  }
-};
 using TreeTypes = ::testing::Types<GenericTree, LustreTree>;
