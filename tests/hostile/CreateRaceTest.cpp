@@ -90,10 +90,9 @@ TEST_F(CreateRace, WhatAKilledCreateLeftIsClearedByTheNextInitialize) {
   {
     WzScanDB db(Generic(""));
     ASSERT_TRUE(db.initialize(other).IsSuccess() && db.addFolder(Generic("/", true)).IsSuccess());
-    otherLog = ReadBytes(other + "/WzScanDB.log");
+    ASSERT_GT((otherLog = ReadBytes(other + "/WzScanDB.log")).size(), 4096u);
     db.close();
   }
-  ASSERT_GT(otherLog.size(), 4096u);
   const std::string otherIndex = ReadBytes(other + "/WzScanDB.idx");
   const std::vector<std::vector<std::pair<std::string, std::string>>> leftovers = {
       {{"WzScanDB.dat.creating", "half a data file"}},

@@ -39,7 +39,6 @@ inline mode_t ModeOf(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 inline bool Exists(const std::string& path) { return ModeOf(path) != 0; }
-inline bool IsSymlink(const std::string& path) { return S_ISLNK(ModeOf(path)); }
 // The error's code and origin message, "" for success.
 inline std::string Answer(const CKoError& error) {
   return error.IsSuccess() ? "" : std::to_string(error.GetCode()) + " " + error.GetOriginMessage();

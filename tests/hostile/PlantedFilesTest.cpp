@@ -45,7 +45,7 @@ class PlantedFiles : public HostileTest {
 // reuse it; the planted name stays as it was. Copy refuses planted temporary
 // names with EEXIST. Either way nothing is left beside the planted name (nor
 // copy's own temporary copy of the data file). Links planted at copy's final names are
-// replaced by rename, never written through.
+// replaced by rename, never written through; the copy then removes as a pair.
 TEST_F(PlantedFiles, PlantedNamesAreRefusedOrReplacedNeverFollowed) {
   const std::string source = Sub("source");
   MakeGenericDb(source, 20);
@@ -56,7 +56,7 @@ TEST_F(PlantedFiles, PlantedNamesAreRefusedOrReplacedNeverFollowed) {
       const std::string db = Sub(name + std::to_string(plant)), planted = db + "/" + name;
       PlantAt(planted, plant);
       const mode_t mode = ModeOf(planted);
-      const std::string bytes = IsSymlink(planted) ? "" : ReadBytes(planted);
+      const std::string bytes = S_ISLNK(mode) ? "" : ReadBytes(planted);
       const bool copy = name.size() > 12, index = name[9] == 'i', link = plant < kRegularFile;
       const int status = index ? TBL_FILE_EXISTS : link ? TBL_BAD_FORMAT : TBL_FILE_MISSING;
       WzScanDB scanDb(Generic(""));
@@ -70,7 +70,7 @@ TEST_F(PlantedFiles, PlantedNamesAreRefusedOrReplacedNeverFollowed) {
         EXPECT_FALSE(scanDb.initializeCheck());
       }
       ExpectVictimUntouched();
-      EXPECT_TRUE(copy || (ModeOf(planted) == mode && (IsSymlink(planted) ? "" : ReadBytes(planted)) == bytes));
+      EXPECT_TRUE(copy || (ModeOf(planted) == mode && (S_ISLNK(mode) ? "" : ReadBytes(planted)) == bytes));
       for (const std::string& other : names)
         EXPECT_TRUE(other == name || !Exists(db + "/" + other)) << other << " left beside the planted file";
     }
@@ -83,6 +83,8 @@ TEST_F(PlantedFiles, PlantedNamesAreRefusedOrReplacedNeverFollowed) {
     ExpectVictimUntouched();
     for (const char* name : {"/WzScanDB.dat", "/WzScanDB.idx"})
       EXPECT_TRUE(ModeOf(target + name) == (S_IFREG | 0600) && ReadBytes(target + name) == ReadBytes(source + name));
+    ASSERT_TRUE(WzScanDB::remove(target).IsSuccess());
+    EXPECT_FALSE(Exists(target + "/WzScanDB.dat") || Exists(target + "/WzScanDB.idx")) << "removed as a pair";
   }
 }
 
