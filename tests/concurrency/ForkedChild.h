@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -32,15 +31,12 @@ class ForkedChild {
     std::string report;  // sent to the parent when the function returns
     void Tell(char c) { (void)!::write(up, &c, 1); }
     // Waits for a byte from the parent; false when the parent closed its end.
-    bool Listen() {
-      char c;
-      return ::read(down, &c, 1) == 1;
-    }
+    bool Listen() { return ::read(down, &scratch, 1) == 1; }
+    char scratch = 0;
   };
   struct Result {
     bool exited = false;
-    int status = -1;  // exit status when exited
-    int signal = 0;   // the signal that ended it otherwise
+    int status = -1, signal = 0;  // the exit status when exited, else the signal that ended it
     std::string report;
     std::string Describe() const {
       return (exited ? "exit " + std::to_string(status) : "signal " + std::to_string(signal)) +
@@ -50,63 +46,37 @@ class ForkedChild {
 
   explicit ForkedChild(const std::function<int(Channel&)>& body, unsigned alarmSeconds = 120) {
     int up[2], down[2];
-    if (pipe(up) != 0 || pipe(down) != 0) throw std::runtime_error("pipe failed");
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pipe(up) != 0 || pipe(down) != 0 || (pid_ = fork()) < 0) throw std::runtime_error("pipe or fork failed");
     if (pid_ == 0) {
-      ::close(up[0]);
-      ::close(down[1]);
+      for (int fd : {up[0], down[1]}) ::close(fd);
       for (int fd : ParentEnds()) ::close(fd);  // other children's pipes
       alarm(alarmSeconds);
-      Channel channel;
-      channel.up = up[1];
-      channel.down = down[0];
-      int status = 99;
-      try {
-        status = body(channel);
-      } catch (const std::exception& e) {
-        channel.report += std::string("exception: ") + e.what();
-      }
+      Channel channel{up[1], down[0], {}, 0};
+      const int status = body(channel);  // an exception ends the child by SIGABRT
       (void)!::write(up[1], channel.report.data(), channel.report.size());
       _exit(status);
     }
-    ::close(up[1]);
-    ::close(down[0]);
-    up_ = up[0];
-    down_ = down[1];
-    ParentEnds().push_back(up_);
-    ParentEnds().push_back(down_);
+    ::close(up[1]), ::close(down[0]);
+    ParentEnds().insert(ParentEnds().end(), {up_ = up[0], down_ = down[1]});
   }
   ~ForkedChild() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      Wait();
-    }
-    Forget(up_);
-    Forget(down_);
+    Kill();
+    if (pid_ > 0) Wait();
+    Forget(up_), Forget(down_);
   }
   ForkedChild(const ForkedChild&) = delete;
   ForkedChild& operator=(const ForkedChild&) = delete;
 
-  pid_t pid() const { return pid_; }
   // Waits for one byte the child told; 0 when it ended without one.
-  char Heard() {
-    char c = 0;
-    return ::read(up_, &c, 1) == 1 ? c : 0;
-  }
+  char Heard() { return ::read(up_, &heard_, 1) == 1 ? heard_ : 0; }
   void Say(char c = 'g') { (void)!::write(down_, &c, 1); }
   // Closes the parent's end of the down pipe: the child's Listen() answers false.
-  void Hangup() {
-    Forget(down_);
-  }
-  void Kill(int signal = SIGKILL) {
-    if (pid_ > 0) kill(pid_, signal);
-  }
+  void Hangup() { Forget(down_); }
+  void Kill(int signal = SIGKILL) { if (pid_ > 0) kill(pid_, signal); }
   Result Wait() {
     Result result;
     char buffer[4096];
-    for (ssize_t n; (n = ::read(up_, buffer, sizeof buffer)) > 0;)
-      result.report.append(buffer, static_cast<size_t>(n));
+    for (ssize_t n; (n = ::read(up_, buffer, sizeof buffer)) > 0;) result.report.append(buffer, size_t(n));
     int status = 0;
     if (pid_ > 0 && waitpid(pid_, &status, 0) == pid_) {
       result.exited = WIFEXITED(status);
@@ -119,18 +89,14 @@ class ForkedChild {
 
  private:
   // The parent's ends of every child's pipes, closed in each new child.
-  static std::vector<int>& ParentEnds() {
-    static std::vector<int> ends;
-    return ends;
-  }
+  static std::vector<int>& ParentEnds() { static std::vector<int> ends; return ends; }
   static void Forget(int& fd) {
-    if (fd < 0) return;
-    ::close(fd);
     auto& ends = ParentEnds();
-    ends.erase(std::remove(ends.begin(), ends.end(), fd), ends.end());
+    if (fd >= 0) ::close(fd), ends.erase(std::remove(ends.begin(), ends.end(), fd), ends.end());
     fd = -1;
   }
 
   pid_t pid_ = -1;
   int up_ = -1, down_ = -1;
+  char heard_ = 0;
 };

@@ -1,10 +1,17 @@
-// Bad input through the API: missing records, records of another type than
-// the database's, and names that are not UTF-8, hold newlines or run to 255
-// bytes and more. Each is answered as documented, and nothing else in the
-// table changes (a physical walk of every record image before and after).
-#include <cerrno>
+// Bad input through the API: missing records and records of another type
+// than the database's. Each is answered as documented, and nothing else in
+// the table changes (a physical walk of every record image before and
+// after). (Names that are not UTF-8 or hold newlines: tests/tool/ScanModelTest;
+// names of 255 bytes and more: tests/records/RecordLayoutTest.)
+// Damaged and mismatched database files seen through WzScanDB::initialize:
+// the engine's status reaches the caller as an integer error with the
+// engine's text, no file is changed (none created), and the refused object
+// stays unusable. (tests/table_badfiles covers the engine's own view of many
+// more damaged files.)
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <optional>
 
 #include "HostileSupport.h"
 
@@ -15,155 +22,113 @@ class BadInput : public HostileTest {
  protected:
   void SetUp() override {
     HostileTest::SetUp();
-    db.reset(new WzScanDB(Generic("")));
-    ASSERT_TRUE(db->initialize(dir.path()).IsSuccess());
-    ASSERT_TRUE(db->addFolder(Generic("/", true)).IsSuccess());
-    ASSERT_TRUE(db->addFolder(Generic("/a", true)).IsSuccess());
-    for (const char* name : {"/a/x", "/a/y", "/a/z"}) ASSERT_TRUE(db->addFile(Generic(name)).IsSuccess());
-    before = Snapshot();
+    ASSERT_TRUE(db.initialize(dir.path()).IsSuccess());
+    for (const char* folder : {"/", "/a"}) ASSERT_TRUE(db.addFolder(Generic(folder, true)).IsSuccess());
+    for (const char* name : {"/a/x", "/a/y", "/a/z"}) ASSERT_TRUE(db.addFile(Generic(name)).IsSuccess());
+    before = PhysicalSnapshot(db);
   }
   void TearDown() override {
-    if (db) db->close();
+    db.close();
     HostileTest::TearDown();
   }
 
-  std::vector<std::string> Snapshot() { return PhysicalSnapshot(*db, 440); }
-
-  // `call` fails with errno 22 and `message` as its origin, and the table is
-  // unchanged.
-  void ExpectRefused(const std::string& what, const std::function<CKoError()>& call,
-                     const std::string& message) {
-    SCOPED_TRACE(what);
-    CKoError error = call();
-    ASSERT_TRUE(error.IsError());
-    EXPECT_EQ(error.GetKind(), EKoErrorKind::kErrNo);
-    EXPECT_EQ(error.GetCode(), 22);
-    EXPECT_EQ(error.GetOriginMessage(), message);
-    EXPECT_TRUE(SameImages(Snapshot(), before));
-  }
-
-  WzScanDBPtr db;
+  WzScanDB db{Generic("")};
   std::vector<std::string> before;
 };
+using DamagedFiles = HostileTest;
 
-TEST_F(BadInput, MissingRecordsAreRefusedWithError22) {
-  const WzScanDBRecordBasePtr none, some = Generic("/a/x");
-  ExpectRefused("addFile", [&] { return db->addFile(none); }, "The given record for Add File is NULL");
-  ExpectRefused("addFolder", [&] { return db->addFolder(none); },
-                "The given record for Add Folder is NULL");
-  ExpectRefused("removeFile", [&] { return db->removeFile(none); },
-                "The given record for Remove File is NULL");
-  ExpectRefused("removeFolder", [&] { return db->removeFolder(none); },
-                "The given record for Remove Folder is NULL");
-  for (int order = 0; order < 3; ++order) {
-    const WzScanDBRecordBasePtr oldRecord = order == 1 ? some : none;
-    const WzScanDBRecordBasePtr newRecord = order == 0 ? some : none;
-    ExpectRefused("renameByKey", [&] { return db->renameByKey(oldRecord, newRecord); },
-                  "One or both of the given records for Rename is NULL");
-    ExpectRefused("renameFile", [&] { return db->renameFile(oldRecord, newRecord); },
-                  "One or both of the given records for Rename File is NULL");
-  }
-  ExpectRefused("addRecordWithoutCheck", [&] { return db->addRecordWithoutCheck(none); },
-                "The given record to add is NULL");
-  bool found = true;
-  ExpectRefused("checkDBRecord", [&] { return db->checkDBRecord(some, none, found); },
-                "Output Record pointer is NULL");
-  EXPECT_TRUE(found);  // left as the caller set it
-}
-
-TEST_F(BadInput, RecordsOfAnotherTypeAreRefusedAndNothingIsWritten) {
-  const std::string lustreText =
-      "The given record of type WzScanDBLustreRecord is not of the database's record type "
-      "WzScanDBRecord";
-  const std::string backupText =
-      "The given record of type CBackupTimeRecord is not of the database's record type "
-      "WzScanDBRecord";
-  const WzScanDBRecordBasePtr backup = boost::make_shared<CBackupTimeRecord>(5, 6);
-  // A Lustre record whose image would pass for the key of /a/x if it were
-  // read as a generic one: the refusal must not depend on the bytes.
+// Every call refuses with errno 22 and its own origin message, and the table
+// is unchanged: missing records, then records of another type (a Lustre
+// record whose image would pass for the key of /a/x if it were read as a
+// generic one: the refusal must not depend on the bytes; a backup-time
+// record). A type derived from the database's keeps its record image: accepted.
+TEST_F(BadInput, MissingRecordsAndRecordsOfAnotherTypeAreRefusedWithError22) {
+  const WzScanDBRecordBasePtr none, x = Generic("/a/x"), backup = boost::make_shared<CBackupTimeRecord>(5, 6);
   WzScanDBRecordBasePtr lustre = Lustre(1, 2, "x");
-  std::memcpy(lustre->getStructure(), Generic("/a/x")->getStructure(), 436);
-
-  for (const auto& c : {std::make_pair(lustre, lustreText), std::make_pair(backup, backupText)}) {
-    const WzScanDBRecordBasePtr& wrong = c.first;
-    const std::string& text = c.second;
-    ExpectRefused("addDBRecord", [&] { return db->addDBRecord(wrong); }, text);
-    ExpectRefused("updateDBRecord", [&] { return db->updateDBRecord(wrong); }, text);
-    ExpectRefused("deleteDBRecord", [&] { return db->deleteDBRecord(wrong); }, text);
-    ExpectRefused("addRecordWithoutCheck", [&] { return db->addRecordWithoutCheck(wrong); }, text);
-    ExpectRefused("addFile", [&] { return db->addFile(wrong); }, text);
-    ExpectRefused("addFolder", [&] { return db->addFolder(wrong); }, text);
-    ExpectRefused("removeFile", [&] { return db->removeFile(wrong); }, text);
-    bool found = false;
-    ExpectRefused("checkDBRecord in", [&] { return db->checkDBRecord(wrong, Generic("/a/x"), found); },
-                  text);
-    ExpectRefused("checkDBRecord out", [&] { return db->checkDBRecord(Generic("/a/x"), wrong, found); },
-                  text);
-    ExpectRefused("renameByKey to", [&] { return db->renameByKey(Generic("/a/x"), wrong); }, text);
-    ExpectRefused("renameByKey from", [&] { return db->renameByKey(wrong, Generic("/a/w")); }, text);
-    ExpectRefused("renameFile to", [&] { return db->renameFile(Generic("/a/x"), wrong); }, text);
-  }
-  bool found = false;
-  ASSERT_TRUE(db->checkDBRecord(Generic("/a/x"), Generic(""), found).IsSuccess());
-  EXPECT_TRUE(found);
-  EXPECT_EQ(db->checkConsistency(), TBL_OK);
-
-  // A type derived from the database's keeps its record image: accepted.
+  std::memcpy(lustre->getStructure(), x->getStructure(), 436);
+  bool found = true;
+  using Call = std::function<CKoError(const WzScanDBRecordBasePtr&)>;
+  auto expectRefused = [&](const Call& call, const WzScanDBRecordBasePtr& record, const std::string& message) {
+    const CKoError error = call(record);
+    EXPECT_TRUE(error.GetKind() == EKoErrorKind::kErrNo) << message;
+    EXPECT_EQ(Answer(error), "22 " + message);
+    EXPECT_TRUE(PhysicalSnapshot(db) == before) << message;
+  };
+  const std::string rename = "One or both of the given records for Rename";
+  const std::pair<Call, std::string> nullCases[] = {
+      {[&](auto r) { return db.addFile(r); }, "The given record for Add File is NULL"},
+      {[&](auto r) { return db.addFolder(r); }, "The given record for Add Folder is NULL"},
+      {[&](auto r) { return db.removeFile(r); }, "The given record for Remove File is NULL"},
+      {[&](auto r) { return db.removeFolder(r); }, "The given record for Remove Folder is NULL"},
+      {[&](auto r) { return db.renameByKey(r, x); }, rename + " is NULL"},
+      {[&](auto r) { return db.renameByKey(x, r); }, rename + " is NULL"},
+      {[&](auto r) { return db.renameByKey(r, r); }, rename + " is NULL"},
+      {[&](auto r) { return db.renameFile(r, x); }, rename + " File is NULL"},
+      {[&](auto r) { return db.renameFile(x, r); }, rename + " File is NULL"},
+      {[&](auto r) { return db.renameFile(r, r); }, rename + " File is NULL"},
+      {[&](auto r) { return db.addRecordWithoutCheck(r); }, "The given record to add is NULL"},
+      {[&](auto r) { return db.checkDBRecord(x, r, found); }, "Output Record pointer is NULL"},
+  };
+  for (const auto& [call, message] : nullCases) expectRefused(call, none, message);
+  EXPECT_TRUE(found) << "a refused lookup leaves found as the caller set it";
+  const Call typed[] = {
+      [&](auto r) { return db.addDBRecord(r); },     [&](auto r) { return db.updateDBRecord(r); },
+      [&](auto r) { return db.deleteDBRecord(r); },  [&](auto r) { return db.addRecordWithoutCheck(r); },
+      [&](auto r) { return db.addFile(r); },         [&](auto r) { return db.addFolder(r); },
+      [&](auto r) { return db.removeFile(r); },      [&](auto r) { return db.checkDBRecord(r, x, found); },
+      [&](auto r) { return db.renameFile(x, r); },   [&](auto r) { return db.checkDBRecord(x, r, found); },
+      [&](auto r) { return db.renameByKey(x, r); },  [&](auto r) { return db.renameByKey(r, Generic("/a/w")); }};
+  for (const auto& [record, type] :
+       {std::make_pair(lustre, "WzScanDBLustreRecord"), std::make_pair(backup, "CBackupTimeRecord")})
+    for (const Call& call : typed)
+      expectRefused(call, record, std::string("The given record of type ") + type +
+                                      " is not of the database's record type WzScanDBRecord");
+  ASSERT_TRUE(db.checkDBRecord(x, Generic(""), found).IsSuccess() && found);
   struct DerivedRecord : WzScanDBRecord {
     using WzScanDBRecord::WzScanDBRecord;
   };
   auto derived = boost::make_shared<DerivedRecord>("/a/derived", false, 0);
-  ASSERT_TRUE(db->addFile(derived).IsSuccess());
-  ASSERT_TRUE(db->checkDBRecord(Generic("/a/derived"), derived->Clone(), found).IsSuccess());
-  EXPECT_TRUE(found);
-  EXPECT_EQ(Snapshot().size(), before.size() + 1);
+  ASSERT_TRUE(db.addFile(derived).IsSuccess());
+  EXPECT_TRUE(db.checkDBRecord(Generic("/a/derived"), derived->Clone(), found).IsSuccess() && found);
+  EXPECT_EQ(PhysicalSnapshot(db).size(), before.size() + 1);
+  EXPECT_EQ(db.checkConsistency(), TBL_OK);
 }
 
-TEST_F(BadInput, NamesAreStoredByteForByte) {
-  const std::string longName(300, 'L');
-  const std::string names[] = {
-      std::string("\xff\xfe\x80not-utf8\xc3", 12),
-      "two\nlines",
-      "carriage\rreturn\ttab",
-      std::string(255, 'n'),
-      longName.substr(0, 200) + std::string("\xe2\x82", 2) + longName.substr(0, 98),
-      longName,
+TEST_F(DamagedFiles, DamagedForeignAndMissingFilesAreRefusedAndLeftAsTheyWere) {
+  TempDir other, lustre;
+  MakeGenericDb(dir.path(), 50);
+  MakeGenericDb(other.path(), 50);  // same schema, same operations
+  {
+    WzScanDB db(Lustre(0, 0, ""));  // a database of another record type: another schema
+    ASSERT_TRUE(db.initialize(lustre.path()).IsSuccess() && db.addDBRecord(Lustre(7, 9, "n")).IsSuccess());
+    db.close();
+  }
+  const std::string dat = ReadBytes(dir / "WzScanDB.dat"), idx = ReadBytes(dir / "WzScanDB.idx");
+  const std::string kOpen = "Failed to Open an Existing WzScanDB : ", kCreate = "Failed to Create WzScanDB : ";
+  using File = std::optional<std::string>;  // the bytes put in place, or no file
+  const std::tuple<const char*, File, File, int, std::string> cases[] = {
+      {"data file cut in half", dat.substr(0, dat.size() / 2), idx, TBL_BAD_FORMAT, kOpen},
+      {"index file one byte short", dat, idx.substr(0, idx.size() - 1), TBL_BAD_FORMAT, kOpen},
+      {"an empty index file alone: create refuses to reuse it", std::nullopt, std::string(), TBL_FILE_EXISTS, kCreate},
+      {"the index file of another database", dat, ReadBytes(other / "WzScanDB.idx"), TBL_FILES_MISMATCH, kOpen},
+      {"the data file of another database", ReadBytes(other / "WzScanDB.dat"), idx, TBL_FILES_MISMATCH, kOpen},
+      {"the files of another record type", ReadBytes(lustre / "WzScanDB.dat"), ReadBytes(lustre / "WzScanDB.idx"),
+       TBL_SCHEMA_MISMATCH, kOpen},
+      {"no index file: not silently re-created", dat, std::nullopt, TBL_FILE_MISSING, kOpen},
   };
-  for (const std::string& name : names) {
-    SCOPED_TRACE(testing::PrintToString(name));
-    const std::string path = "/a/" + name;
-    ASSERT_TRUE(db->addFile(Generic(path)).IsSuccess());
-    const std::string stored = name.substr(0, 255);
-
-    WzScanDBRecordBasePtr out = Generic("");
+  auto file = [&](const char* name) { return Exists(dir / name) ? File(ReadBytes(dir / name)) : std::nullopt; };
+  for (const auto& [what, datFile, idxFile, status, message] : cases) {
+    SCOPED_TRACE(what);
+    unlink((dir / "WzScanDB.dat").c_str()), unlink((dir / "WzScanDB.idx").c_str());
+    if (datFile) WriteBytes(dir / "WzScanDB.dat", *datFile);
+    if (idxFile) WriteBytes(dir / "WzScanDB.idx", *idxFile);
+    WzScanDB db(Generic(""));
+    const CKoError error = db.initialize(dir.path());
     bool found = false;
-    ASSERT_TRUE(db->checkDBRecord(Generic(path), out, found).IsSuccess());
-    ASSERT_TRUE(found);
-    const char* sname = static_cast<const char*>(out->getStructure()) + 181;
-    EXPECT_EQ(std::string(sname, stored.size()), stored);
-    if (stored.size() < 255) {
-      EXPECT_EQ(sname[stored.size()], '\0');
-    }
-    EXPECT_EQ(out->getName(), stored);
-
-    // The parent finds it among its children under the stored name.
-    std::vector<WzScanDBRecordBasePtr> children;
-    ASSERT_TRUE(db->getChildren(Generic("/a", true), children).IsSuccess());
-    size_t matches = 0;
-    for (const auto& child : children) matches += child->getName() == stored;
-    EXPECT_EQ(matches, 1u);
-    std::string fullPath;
-    ASSERT_TRUE(db->getPathFromRecord(out, fullPath).IsSuccess());
-    EXPECT_EQ(fullPath, "/a/" + stored);
-
-    // One record image was appended; the others are as they were.
-    std::vector<std::string> after = Snapshot();
-    ASSERT_EQ(after.size(), before.size() + 1);
-    EXPECT_TRUE(SameImages(std::vector<std::string>(after.begin(), after.end() - 1), before));
-    EXPECT_EQ(db->checkConsistency(), TBL_OK);
-
-    ASSERT_TRUE(db->removeFile(Generic(path)).IsSuccess());
-    EXPECT_TRUE(SameImages(Snapshot(), before));
+    EXPECT_TRUE(error.GetKind() == EKoErrorKind::kInt && !db.initializeCheck());
+    EXPECT_EQ(Answer(error), std::to_string(status) + " " + message + Engine(status));
+    EXPECT_EQ(db.checkDBRecord(Generic("/a"), Generic("/a"), found).GetCode(), 22);
+    EXPECT_TRUE(file("WzScanDB.dat") == datFile && file("WzScanDB.idx") == idxFile) << "a file changed";
   }
 }
 
