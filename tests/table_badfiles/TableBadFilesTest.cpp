@@ -8,7 +8,10 @@
 // leads to, found by walking the file's trees. After each test the intact
 // files must still open and hold every record.
 #include <lmdb.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -150,15 +153,16 @@ class TableBadFiles : public ::testing::Test {
     }
     EXPECT_TRUE(before == snapshot(dir_.path())) << "a file changed";
   }
-  // The files as they were, `damage` made to one of them: refused with every
-  // page checked, with an error line naming the file and containing `reason`.
+  // The files as they were, `damage` made to one of them by another program
+  // (so without the mark of a clean close): refused, every page checked
+  // unasked, with an error line naming the file and containing `reason`.
   void expectDamaged(const std::string& what, bool dataFile, const std::function<void(Pages&)>& damage,
                      const std::string& reason) {
     Pages pages(dataFile ? dat_ : idx_);
     damage(pages);
     auto capture = CLogCapture::Install();
     const std::string file = name_ + (dataFile ? ".dat" : ".idx");
-    refused(what, TBL_BAD_FORMAT, [&] { writeFile(file, pages.bytes); }, false, true);
+    refused(what, TBL_BAD_FORMAT, [&] { writeFile(file, pages.bytes); });
     const auto lines = capture->FindContaining("the file " + file + " is damaged (");
     capture->Remove();
     ASSERT_EQ(lines.size(), 1u) << what;
@@ -307,6 +311,37 @@ TEST_F(TableBadFiles, DamagedPagesAreRefusedBeforeLmdbFollowsThem) {
        [&](Pages& p) { p.add<uint64_t>(subTree, db + 32, ~uint64_t{0}); }, "entries; its tree has"},
   };
   for (const auto& [what, dataFile, damage, reason] : cases) expectDamaged(what, dataFile, damage, reason);
+}
+
+// A clean close marks the files; an open trusts the mark (the quick check)
+// only while the file is as that close left it. Damage that leaves inode,
+// size and modification time alone, as a failing disk does, is found when
+// every page is checked on request; any change through the file system
+// voids the mark.
+TEST_F(TableBadFiles, TheCleanCloseMarkIsTrustedOnlyWhileTheFileIsUnchanged) {
+  restore();
+  {
+    GenericSchemaTable table;
+    ASSERT_EQ(table.openTable(name_), TBL_OK);
+    ASSERT_EQ(table.close(), TBL_OK);
+  }
+  const std::string path = name_ + ".dat";
+  Pages pages(fileBytes(path));
+  pages.setChild(pages.namedRoot("records"), 1, pages.lastPage() + 5);
+  struct stat st;
+  const int fd = ::open(path.c_str(), O_WRONLY);
+  ASSERT_TRUE(fd >= 0 && ::fstat(fd, &st) == 0);
+  ASSERT_EQ(::pwrite(fd, pages.bytes.data(), pages.bytes.size(), 0), ssize_t(pages.bytes.size()));
+  const struct timespec times[2] = {st.st_atim, st.st_mtim};
+  ASSERT_EQ(::futimens(fd, times), 0);
+  ::close(fd);
+  GenericSchemaTable reader;
+  EXPECT_EQ(reader.openTable(name_, WZIndexing::kAccessReadOnly), TBL_OK);
+  reader.close();
+  refused("damage under an intact mark, every page checked on request", TBL_BAD_FORMAT, nullptr, false, true);
+  const struct timespec later[2] = {st.st_atim, {st.st_mtim.tv_sec + 1, st.st_mtim.tv_nsec}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), later, 0), 0);
+  refused("the same damage once the file's time moved", TBL_BAD_FORMAT, nullptr);
 }
 
 }  // namespace
