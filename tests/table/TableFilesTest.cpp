@@ -165,6 +165,11 @@ TEST_F(TableFiles, ReadersStorageSizesAndRecordNumbers) {
   ASSERT_EQ(table.addRecord(full.data()), TBL_OK);
   ASSERT_EQ(table.readByOffset(out.data(), 2002, 440), TBL_OK);
   EXPECT_EQ(out, full);
+  // initialize(name) points the defined schema at another table's files.
+  ASSERT_EQ(table.close(), TBL_OK);
+  ASSERT_EQ(table.initialize((name + "-other").c_str()), TBL_OK);
+  ASSERT_EQ(table.create(), TBL_OK);
+  EXPECT_TRUE(fs::exists(name + "-other.dat") && table.numberOfRecords() == 0);
 }
 
 // A writer that ends without close() leaves its log: the next read-write open

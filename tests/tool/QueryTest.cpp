@@ -114,6 +114,8 @@ TEST_F(QueryTest, DatabaseHeldByAnotherProcessRefusesWritersAndServesReaders) {
   EXPECT_EQ('y', byte);
   ExpectFailure(Run({"scan", tree_, "--db", db_, "--ref-time", "5001"}), 3, "in use by another process");
   ExpectFailure(Run({"remove", db_}), 3, "in use by another process");
+  for (const char* command : {"move", "copy"})
+    ExpectFailure(Run({command, db_, temp_ / "elsewhere"}), 3, "in use by another process");
   std::vector<std::string> whileHeld;
   for (const char* command : {"walk", "stats", "validate"}) {
     const auto run = Run({command, db_});
