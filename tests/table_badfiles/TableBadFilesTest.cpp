@@ -1,4 +1,4 @@
-// Bad files: the table engine, handed damaged, foreign, missing or busy files,
+// Bad files: the table engine, handed damaged, foreign or missing files,
 // answers its documented status, does not crash, and leaves every file in the
 // directory byte-for-byte as it was. A table whose meta pages are sound but
 // one later page is damaged (a child page number, a node offset, a page
@@ -9,7 +9,6 @@
 // files must still open and hold every record.
 #include <lmdb.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,7 +22,6 @@
 
 #include <gtest/gtest.h>
 
-#include "concurrency/ForkedChild.h"
 #include "runtime/LogCapture.h"
 #include "support/GenericSchemaTable.h"
 #include "support/TempDir.h"
@@ -233,29 +231,6 @@ TEST_F(TableBadFiles, DamagedMissingMismatchedAndForeignFiles) {
       ASSERT_EQ(defineSchema(table, name_, layout) || table.create() || table.close(), TBL_OK);
     });
   refused("inode/ctime open of the generic table", TBL_SCHEMA_MISMATCH, [] {}, false, false, inodeTime);
-}
-
-// Another process or another table object holds the table: in use, nothing
-// disturbed. Once the holder has gone (killed with its lock, or closed), the
-// table opens again, in the refused object too.
-TEST_F(TableBadFiles, HeldByAnotherProcessOrTableObject) {
-  GenericSchemaTable first, second;
-  ForkedChild holder([&](ForkedChild::Channel& channel) {
-    channel.Tell(first.openTable(name_) == TBL_OK ? 'o' : 'x');
-    return channel.Listen() ? 1 : 0;
-  });
-  ASSERT_EQ(holder.Heard(), 'o');
-  refused("held by another process", TBL_IN_USE, nullptr);
-  holder.Kill(SIGKILL);
-  EXPECT_EQ(holder.Wait().signal, SIGKILL);
-  ASSERT_EQ(first.openTable(name_), TBL_OK);
-  refused("held by another table object", TBL_IN_USE, nullptr);
-  EXPECT_EQ(second.openTable(name_), TBL_IN_USE);
-  SGenericRecord extra = makeRecord(kRecords + kSmallGroup + kLargeGroup);
-  ASSERT_EQ(first.addRecord(&extra), TBL_OK);
-  ASSERT_EQ(first.close(), TBL_OK);
-  ASSERT_EQ(second.open(WZIndexing::kAccessReadWrite), TBL_OK);
-  EXPECT_EQ(second.numberOfRecords(), kRecords - kRecords / 3 + kSmallGroup + kLargeGroup + 1);
 }
 
 TEST_F(TableBadFiles, DamagedPagesAreRefusedBeforeLmdbFollowsThem) {
