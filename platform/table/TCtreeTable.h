@@ -35,7 +35,9 @@
 // belongs to another table (each create() stamps both files with one random
 // table id); a failed open leaves the files as they were. Before LMDB maps a
 // file, open() checks its pages (LmdbVerifier.h): every page when the files
-// were not closed cleanly (a log was left behind) or when setVerifyOnOpen(true)
+// were not closed cleanly (a log was left behind), when a file changed after
+// its clean close (its clean mark, LmdbFile.h, is gone or stale), or when
+// setVerifyOnOpen(true)
 // or the setting nWzScanDBCheckPagesOnOpen asks for it; otherwise only what
 // the open itself reads (meta pages, main and free-page trees), a few pages
 // whatever the size. An index file whose writes stop short of the data
