@@ -28,14 +28,7 @@ namespace {
 constexpr uint64_t kSmallFileCap = uint64_t{4} << 30;  // without huge-file support
 constexpr const char* kCreatingSuffix = ".creating";
 
-MDB_val valOf(const void* data, size_t size) {
-  MDB_val v;
-  v.mv_data = const_cast<void*>(data);
-  v.mv_size = size;
-  return v;
-}
 
-MDB_val valOf(const char* text) { return valOf(text, std::strlen(text)); }
 
 enum class Kind { kIndexFile, kLog, kTemporary };
 

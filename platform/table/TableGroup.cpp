@@ -26,18 +26,12 @@
 #include "FileLocks.h"
 #include "KeyCodec.h"
 #include "TableFormat.h"
+#include "TableHeaders.h"
 #include "TableImpl.h"
 
 using namespace wztable;
 
 namespace {
-
-MDB_val valOf(const void* data, size_t size) {
-  MDB_val v;
-  v.mv_data = const_cast<void*>(data);
-  v.mv_size = size;
-  return v;
-}
 
 // An apply that met a full map: recovery grows the file and replays.
 constexpr int kMapFull = MDB_MAP_FULL;

@@ -7,16 +7,6 @@
 #include "table/TableStatus.h"
 
 namespace wztable {
-namespace {
-
-MDB_val valOf(const char* text) {
-  MDB_val v;
-  v.mv_data = const_cast<char*>(text);
-  v.mv_size = std::strlen(text);
-  return v;
-}
-
-}  // namespace
 
 std::string headerBytes(const char (&magic)[8], const uint8_t* tableId, const std::string& schema) {
   FileHeader header{};

@@ -6,6 +6,7 @@
 #include <lmdb.h>
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "TableSchema.h"
@@ -27,6 +28,15 @@ int readHeader(MDB_txn* txn, MDB_dbi main, const char (&magic)[8], uint8_t* tabl
 // through a read-only map after a full page check.
 int readFileTableId(const std::string& path, const char (&magic)[8], uint8_t* tableId,
                     std::string* schema = nullptr);
+
+// An MDB_val over `size` bytes at `data`, or over a C string's text.
+inline MDB_val valOf(const void* data, size_t size) {
+  MDB_val v;
+  v.mv_data = const_cast<void*>(data);
+  v.mv_size = size;
+  return v;
+}
+inline MDB_val valOf(const char* text) { return valOf(text, std::strlen(text)); }
 
 unsigned indexDbFlags(const TableIndex& index);
 std::string indexDbName(size_t n);

@@ -8,7 +8,6 @@
 // engine's text, no file is changed (none created), and the refused object
 // stays unusable. (tests/table_badfiles covers the engine's own view of many
 // more damaged files.)
-#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <optional>

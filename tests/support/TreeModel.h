@@ -12,7 +12,6 @@
 // business). Walks are breadth-first, expanding folders in the order met.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <random>

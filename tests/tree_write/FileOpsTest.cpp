@@ -1,7 +1,5 @@
 // addFile, addFolder, removeFile and removeFolder, and renameFolder of a
 // sub-tree larger than one batch.
-#include <algorithm>
-#include <cstdio>
 
 #include "tree_write/TreeWriteFixture.h"
 
