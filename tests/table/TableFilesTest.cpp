@@ -169,7 +169,8 @@ TEST_F(TableFiles, ReadersStorageSizesAndRecordNumbers) {
   ASSERT_EQ(table.close(), TBL_OK);
   ASSERT_EQ(table.initialize((name + "-other").c_str()), TBL_OK);
   ASSERT_EQ(table.create(), TBL_OK);
-  EXPECT_TRUE(fs::exists(name + "-other.dat") && table.numberOfRecords() == 0);
+  EXPECT_TRUE(fs::exists(name + "-other.dat") && table.numberOfRecords() == 0 &&
+              table.initialize(name.c_str()) == TBL_ALREADY_OPEN);
 }
 
 // A writer that ends without close() leaves its log: the next read-write open
